@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs the Debian packages krcommon builds, tests, benchmarks and fuzzes with.
+# Idempotent and non-interactive: packages already present are left alone, and
+# nothing is fetched when everything is in place.
+set -euo pipefail
+
+packages=(
+  # build
+  build-essential cmake ninja-build pkg-config
+  # runtime libraries
+  libcurl4-openssl-dev libssl-dev openssl libplist-dev rapidjson-dev libfmt-dev
+  libcairo2-dev libpango1.0-dev fonts-noto-cjk
+  # tests, benchmarks, fuzzing
+  googletest libgmock-dev libgtest-dev libbenchmark-dev libcpp-httplib-dev libspdlog-dev
+  clang libclang-rt-14-dev
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
+  [[ "$status" == "install ok installed" ]] || missing+=("$p")
+done
+
+if ((${#missing[@]} == 0)); then
+  exit 0
+fi
+
+echo "install-deps: installing ${missing[*]}"
+sudo=""
+if [[ $(id -u) -ne 0 ]]; then sudo="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,70 @@
+#include <krcommon/platform/core/Value.h>
+#include <krcommon/platform/core/Error.h>
+
+#include <gtest/gtest.h>
+
+using namespace krcommon::platform;
+
+TEST(Value, DescriptionsMatchThePlatform) {
+    struct Row { Value value; const char* text; };
+    const Row rows[] = {
+        {Value(), "(null)"},
+        {Value(Null{}), "<null>"},
+        {Value(true), "1"},
+        {Value(-42), "-42"},
+        {Value(0.1), "0.1"},
+        {Value(5.0), "5"},
+        {Value("plain text"), "plain text"},
+        {Value(Data{0x61, 0x62, 0x63}), "{length = 3, bytes = 0x616263}"},
+        {Value(Date{0}), "1970-01-01 00:00:00 +0000"},
+        {Value(Array{}), "(\n)"},
+        {Value(Array{1, "a b"}), "(\n    1,\n    \"a b\"\n)"},
+        {Value(Dictionary{{"b", 2}, {"a", Array{"x"}}}), "{\n    a =     (\n        x\n    );\n    b = 2;\n}"},
+        {Value(Dictionary{{"k", ""}}), "{\n    k = \"\";\n}"},
+        {Value(Dictionary{{"k", "\xC3\xA9\"\n"}}), "{\n    k = \"\\U00e9\\\"\\n\";\n}"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(row.value.description(), row.text);
+}
+
+TEST(Value, LongDataIsAbbreviated) {
+    Data d(40);
+    for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<std::uint8_t>(i);
+    EXPECT_EQ(Value(d).description(),
+              "{length = 40, bytes = 0x00010203 04050607 08090a0b 0c0d0e0f ... 20212223 24252627 }");
+}
+
+TEST(Value, NumbersCompareByValueAcrossKinds) {
+    EXPECT_EQ(Value(1), Value(1.0));
+    EXPECT_EQ(Value(true), Value(1));
+    EXPECT_FALSE(Value(1) == Value("1"));
+    EXPECT_FALSE(Value() == Value(Null{}));
+    EXPECT_EQ(Value(Dictionary{{"a", 1}, {"b", 2}}), Value(Dictionary{{"b", 2}, {"a", 1}}));
+    auto e = Error::make("D", 1);
+    EXPECT_EQ(Value(e), Value(e));
+    EXPECT_FALSE(Value(e) == Value(Error::make("D", 1)));
+}
+
+TEST(Dictionary, KeepsInsertionOrderAndFindsEveryKeyWhenLarge) {
+    Dictionary d;
+    for (int i = 0; i < 1000; ++i) d.set("k" + std::to_string(999 - i), i);
+    d.set("k500", "replaced");
+    ASSERT_EQ(d.size(), 1000u);
+    EXPECT_EQ(d.begin()->first, "k999");
+    for (int i = 0; i < 1000; ++i) ASSERT_TRUE(d.contains("k" + std::to_string(i))) << i;
+    EXPECT_EQ(*d["k500"].string(), "replaced");
+    EXPECT_TRUE(d.remove("k999"));
+    EXPECT_FALSE(d.remove("k999"));
+    EXPECT_EQ(d.begin()->first, "k998");
+    EXPECT_EQ(d["k1"].integerValue(), 998);
+    EXPECT_TRUE(d["missing"].isNil());
+}
+
+TEST(Error, DescriptionAndLocalizedDescription) {
+    Error plain("KRSDKResponseDataIsNull", -1);
+    EXPECT_EQ(plain.localizedDescription(),
+              "The operation couldn\xE2\x80\x99t be completed. (KRSDKResponseDataIsNull error -1.)");
+    Error described("NSURLErrorDomain", -1001, {{LocalizedDescriptionKey, "The request timed out."}});
+    EXPECT_EQ(described.description(),
+              "Error Domain=NSURLErrorDomain Code=-1001 \"The request timed out.\" "
+              "UserInfo={NSLocalizedDescription=The request timed out.}");
+}
