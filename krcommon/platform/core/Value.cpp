@@ -29,7 +29,9 @@ std::string Object::className() const {
 std::string Object::description() const {
     char address[32];
     std::snprintf(address, sizeof address, "%p", static_cast<const void*>(this));
-    return "<" + className() + ": " + address + ">";
+    std::string text = "<";
+    text.append(className()).append(": ").append(address).push_back('>');
+    return text;
 }
 
 // ---------------------------------------------------------------- Dictionary

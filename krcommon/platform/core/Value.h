@@ -73,8 +73,8 @@ public:
     Dictionary& operator=(Dictionary&&) noexcept;
     ~Dictionary();
 
-    [[nodiscard]] std::size_t size() const noexcept { return entries_.size(); }
-    [[nodiscard]] bool empty() const noexcept { return entries_.empty(); }
+    [[nodiscard]] std::size_t size() const noexcept;
+    [[nodiscard]] bool empty() const noexcept;
 
     /// The value stored under `key`, or nullptr when the key is absent.
     [[nodiscard]] const Value* find(std::string_view key) const noexcept;
@@ -93,11 +93,11 @@ public:
     /// The keys in insertion order.
     [[nodiscard]] std::vector<std::string> keys() const;
 
-    [[nodiscard]] const_iterator begin() const noexcept { return entries_.begin(); }
-    [[nodiscard]] const_iterator end() const noexcept { return entries_.end(); }
+    [[nodiscard]] const_iterator begin() const noexcept;
+    [[nodiscard]] const_iterator end() const noexcept;
     /// Iteration may change values, never keys.
-    [[nodiscard]] iterator begin() noexcept { return entries_.begin(); }
-    [[nodiscard]] iterator end() noexcept { return entries_.end(); }
+    [[nodiscard]] iterator begin() noexcept;
+    [[nodiscard]] iterator end() noexcept;
 
     /// Equal when both hold the same keys with equal values, whatever the order.
     friend KRCOMMON_EXPORT bool operator==(const Dictionary& a, const Dictionary& b);
@@ -214,6 +214,14 @@ private:
                  platform::Array, platform::Dictionary, std::shared_ptr<Object>>
         storage_;
 };
+
+// Dictionary members that need Value complete.
+inline std::size_t Dictionary::size() const noexcept { return entries_.size(); }
+inline bool Dictionary::empty() const noexcept { return entries_.empty(); }
+inline Dictionary::const_iterator Dictionary::begin() const noexcept { return entries_.begin(); }
+inline Dictionary::const_iterator Dictionary::end() const noexcept { return entries_.end(); }
+inline Dictionary::iterator Dictionary::begin() noexcept { return entries_.begin(); }
+inline Dictionary::iterator Dictionary::end() noexcept { return entries_.end(); }
 
 /// Text of a double as the platform prints a number: the shortest form that
 /// reads back exactly ("0.1", "5", "1e+20").

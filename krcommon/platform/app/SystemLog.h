@@ -1,0 +1,73 @@
+#pragma once
+
+// The system log: the one place where every line of the library leaves the
+// process. Each line is handed to the current sink whole, in one call, so lines
+// never interleave. The default sink writes to stderr with a time and process
+// prefix, one write(2) per line; a host may install its own sink (a file,
+// journald, logcat, a test capture).
+
+#include <krcommon/platform/core/Format.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace krcommon::platform {
+
+/// Receives whole lines (without a trailing line feed). Must be safe to call
+/// from any thread; calls may come concurrently.
+class KRCOMMON_EXPORT LogSink {
+public:
+    virtual ~LogSink();
+    virtual void write(std::string_view line) = 0;
+};
+
+/// Writes "YYYY-MM-DD hh:mm:ss.mmm program[pid:tid] line\n" to a file descriptor
+/// (stderr by default) with a single write(2) per line.
+class KRCOMMON_EXPORT StderrLogSink final : public LogSink {
+public:
+    explicit StderrLogSink(int fd = 2) noexcept : fd_(fd) {}
+    void write(std::string_view line) override;
+
+private:
+    int fd_;
+};
+
+/// Appends each line and a line feed to a file opened with O_APPEND, one
+/// write(2) per line, so nothing is held back in a buffer when the process dies.
+class KRCOMMON_EXPORT FileLogSink final : public LogSink {
+public:
+    /// Opens (creating) `path`; `isOpen()` tells whether that worked.
+    explicit FileLogSink(const std::string& path);
+    ~FileLogSink() override;
+    FileLogSink(const FileLogSink&) = delete;
+    FileLogSink& operator=(const FileLogSink&) = delete;
+
+    [[nodiscard]] bool isOpen() const noexcept { return fd_ >= 0; }
+    void write(std::string_view line) override;
+
+private:
+    int fd_;
+};
+
+/// The process-wide log.
+class KRCOMMON_EXPORT SystemLog {
+public:
+    /// Hands one line to the current sink.
+    static void write(std::string_view line);
+    /// Installs `sink` for every later line; nullptr restores the stderr sink.
+    static void setSink(std::shared_ptr<LogSink> sink);
+    /// The sink in use.
+    static std::shared_ptr<LogSink> sink();
+
+    /// Formats printf-style with `%@` and writes the result as one line, like
+    /// the platform's NSLog: used for the lines that bypass the module's logger.
+    template <class... Args>
+    static void log(std::string_view fmt, const Args&... args) {
+        fmt::memory_buffer line;
+        formatTo(line, fmt, args...);
+        write(std::string_view(line.data(), line.size()));
+    }
+};
+
+}  // namespace krcommon::platform

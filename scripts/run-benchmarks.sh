@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Runs every benchmark program in BUILD_DIR/bench and prints a Markdown table in
+# which each library figure (KR_<case>) stands beside its baseline (BASE_<case>)
+# and any reference (REF_<case>) from the same run. The ratio is baseline time
+# divided by krcommon time: above 1 means krcommon is faster.
+set -euo pipefail
+build=${1:-build/bench}
+out=${2:-$build/benchmarks.json.d}
+min_time=${BENCH_MIN_TIME:-0.5}
+mkdir -p "$out"
+for program in "$build"/bench/krcommon_bench_*; do
+  [[ -x "$program" ]] || continue
+  name=$(basename "$program")
+  echo "== $name" >&2
+  "$program" --benchmark_min_time="$min_time" --benchmark_out="$out/$name.json" --benchmark_out_format=json >&2
+done
+python3 - "$out" <<'PY'
+import json, pathlib, re, sys
+rows = {}
+for f in sorted(pathlib.Path(sys.argv[1]).glob("*.json")):
+    for b in json.loads(f.read_text())["benchmarks"]:
+        if b.get("run_type") == "aggregate":
+            continue
+        m = re.match(r"(KR|BASE|REF)_([^/]+)(.*)", b["name"])
+        if not m:
+            continue
+        kind, case, rest = m.groups()
+        rest = rest.replace("/real_time", "")
+        rows.setdefault((f.stem, case + rest), {})[kind] = b
+def t(b):
+    unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b["time_unit"]]
+    return b["real_time"] * unit
+print("| case | krcommon | baseline | ratio (baseline / krcommon) | reference | ratio (reference / krcommon) |")
+print("|---|---|---|---|---|---|")
+for (prog, case), r in rows.items():
+    kr = r.get("KR")
+    if not kr:
+        continue
+    def cell(x):
+        return f"{t(x):,.0f} ns" if x else "-"
+    def ratio(x):
+        return f"{t(x) / t(kr):.2f}x" if x else "-"
+    print(f"| {case} | {cell(kr)} | {cell(r.get('BASE'))} | {ratio(r.get('BASE'))} | {cell(r.get('REF'))} | {ratio(r.get('REF'))} |")
+PY
