@@ -1,0 +1,272 @@
+#include <krcommon/platform/dispatch/MainQueue.h>
+
+#include <krcommon/platform/core/Exception.h>
+
+#include <algorithm>
+#include <cmath>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+namespace krcommon::platform {
+
+namespace {
+
+using Clock = MainQueue::Clock;
+using Job = MainQueue::Job;
+
+// Jobs are kept in one ordered map: by due time, then by posting order. A job
+// posted with async() is due at the moment it was posted.
+struct Key {
+    Clock::time_point due;
+    std::uint64_t id;
+    auto operator<=>(const Key&) const = default;
+};
+
+struct State {
+    std::mutex mutex;
+    std::condition_variable pumpCv;   // threads inside run(), runUntil(), drain()
+    std::condition_variable timerCv;  // the thread handing delayed jobs to a dispatcher
+    std::map<Key, Job> jobs;
+    std::uint64_t nextId = 1;
+    std::shared_ptr<const MainQueue::Dispatcher> dispatcher;
+    std::unordered_set<std::uint64_t> handedOver;  // asyncAfter jobs given to the dispatcher, not yet run
+    std::optional<std::thread::id> owner;          // the thread running a job now
+    bool stopRequested = false;
+    bool timerThreadStarted = false;
+};
+
+State& state() {
+    // Never destroyed: jobs may be posted while the process exits, and the timer thread outlives main().
+    static State* instance = new State;
+    return *instance;
+}
+
+// How many pumps and jobs the calling thread is inside.
+thread_local int mainDepth = 0;
+
+struct MainScope {
+    MainScope() noexcept { ++mainDepth; }
+    ~MainScope() { --mainDepth; }
+    MainScope(const MainScope&) = delete;
+    MainScope& operator=(const MainScope&) = delete;
+};
+
+// Takes the job by value so that what it captured is released before the caller relocks.
+void invoke(Job job) {
+    MainScope scope;
+    job();
+}
+
+Clock::duration toDuration(double seconds) {
+    constexpr double maxSeconds = 100.0 * 365 * 24 * 3600;  // keeps now() + delay in range
+    if (!(seconds > 0)) return Clock::duration::zero();
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(std::min(seconds, maxSeconds)));
+}
+
+void requireJob(const Job& job, const char* function) {
+    if (!job) {
+        throw InternalInconsistencyException("Invalid parameter not satisfying: job", function, __FILE__, __LINE__);
+    }
+}
+
+enum class Step { Ran, NothingDue, Busy };
+
+// Runs the earliest job if it is due and this thread may run it. Called and
+// returns with `lock` held; the job itself runs unlocked.
+Step runOne(State& s, std::unique_lock<std::mutex>& lock) {
+    if (s.dispatcher || s.jobs.empty() || s.jobs.begin()->first.due > Clock::now()) return Step::NothingDue;
+    const auto me = std::this_thread::get_id();
+    if (s.owner && *s.owner != me) return Step::Busy;
+
+    auto node = s.jobs.extract(s.jobs.begin());
+    Job job = std::move(node.mapped());
+    const auto previous = s.owner;
+    s.owner = me;
+    lock.unlock();
+    struct Relock {
+        State& s;
+        std::unique_lock<std::mutex>& lock;
+        std::optional<std::thread::id> previous;
+        ~Relock() {
+            lock.lock();
+            s.owner = previous;
+            if (!previous) s.pumpCv.notify_all();  // a pump on another thread may take the next job
+        }
+    } relock{s, lock, previous};
+    invoke(std::move(job));
+    return Step::Ran;
+}
+
+// Sleeps until something may have changed for a pump on this thread, or until `limit`.
+void waitForWork(State& s, std::unique_lock<std::mutex>& lock, std::optional<Clock::time_point> limit) {
+    const bool mayRun = !s.dispatcher && !s.jobs.empty() && (!s.owner || *s.owner == std::this_thread::get_id());
+    if (mayRun) limit = limit ? std::min(*limit, s.jobs.begin()->first.due) : s.jobs.begin()->first.due;
+    if (limit)
+        s.pumpCv.wait_until(lock, *limit);
+    else
+        s.pumpCv.wait(lock);
+}
+
+// Hands every due job to the dispatcher, in order. Called and returns with `lock` held.
+void handOverDue(State& s, std::unique_lock<std::mutex>& lock) {
+    const auto now = Clock::now();
+    std::vector<std::pair<std::uint64_t, Job>> due;
+    while (!s.jobs.empty() && s.jobs.begin()->first.due <= now) {
+        auto node = s.jobs.extract(s.jobs.begin());
+        s.handedOver.insert(node.key().id);
+        due.emplace_back(node.key().id, std::move(node.mapped()));
+    }
+    if (due.empty()) return;
+    const auto dispatcher = s.dispatcher;
+    lock.unlock();
+    for (auto& [id, job] : due) {
+        (*dispatcher)([id = id, job = std::move(job)]() mutable {
+            auto& s = state();
+            {
+                std::lock_guard guard(s.mutex);
+                if (s.handedOver.erase(id) == 0) return;  // cancelled after the hand-over
+            }
+            invoke(std::move(job));
+        });
+    }
+    due.clear();
+    lock.lock();
+}
+
+// While a dispatcher is installed, hands delayed jobs over as they fall due.
+void timerLoop() {
+    auto& s = state();
+    std::unique_lock lock(s.mutex);
+    for (;;) {
+        if (!s.dispatcher || s.jobs.empty())
+            s.timerCv.wait(lock);
+        else if (const auto due = s.jobs.begin()->first.due; due > Clock::now())
+            s.timerCv.wait_until(lock, due);
+        else
+            handOverDue(s, lock);
+    }
+}
+
+}  // namespace
+
+void MainQueue::async(Job job) {
+    requireJob(job, __func__);
+    auto& s = state();
+    std::unique_lock lock(s.mutex);
+    if (const auto dispatcher = s.dispatcher) {
+        lock.unlock();
+        (*dispatcher)([job = std::move(job)]() mutable { invoke(std::move(job)); });
+        return;
+    }
+    s.jobs.emplace(Key{Clock::now(), s.nextId++}, std::move(job));
+    lock.unlock();
+    s.pumpCv.notify_one();
+}
+
+MainQueue::Token MainQueue::asyncAfter(double seconds, Job job) {
+    requireJob(job, __func__);
+    auto& s = state();
+    std::unique_lock lock(s.mutex);
+    const Key key{Clock::now() + toDuration(seconds), s.nextId++};
+    s.jobs.emplace(key, std::move(job));
+    const bool dispatching = s.dispatcher != nullptr;
+    lock.unlock();
+    if (dispatching)
+        s.timerCv.notify_one();
+    else
+        s.pumpCv.notify_one();
+    return Token(key.due, key.id);
+}
+
+bool MainQueue::cancel(const Token& token) {
+    if (!token.isValid()) return false;
+    auto& s = state();
+    std::unique_lock lock(s.mutex);
+    auto node = s.jobs.extract(Key{token.due_, token.id_});
+    if (node) {
+        lock.unlock();  // the job's captures are released unlocked
+        return true;
+    }
+    return s.handedOver.erase(token.id_) > 0;
+}
+
+void MainQueue::run() {
+    auto& s = state();
+    MainScope scope;
+    std::unique_lock lock(s.mutex);
+    for (;;) {
+        if (s.stopRequested) {
+            s.stopRequested = false;
+            return;
+        }
+        if (runOne(s, lock) != Step::Ran) waitForWork(s, lock, std::nullopt);
+    }
+}
+
+bool MainQueue::runUntil(const std::function<bool()>& predicate, double timeoutSeconds) {
+    constexpr auto pollInterval = std::chrono::milliseconds(10);
+    auto& s = state();
+    MainScope scope;
+    const auto deadline = Clock::now() + toDuration(timeoutSeconds);
+    for (;;) {
+        if (predicate()) return true;
+        std::unique_lock lock(s.mutex);
+        if (runOne(s, lock) == Step::Ran) continue;
+        const auto now = Clock::now();
+        if (now >= deadline) break;
+        waitForWork(s, lock, std::min(deadline, now + pollInterval));
+    }
+    return predicate();
+}
+
+std::size_t MainQueue::drain() {
+    auto& s = state();
+    MainScope scope;
+    std::size_t count = 0;
+    std::unique_lock lock(s.mutex);
+    for (;;) {
+        switch (runOne(s, lock)) {
+        case Step::Ran: ++count; break;
+        case Step::Busy: waitForWork(s, lock, std::nullopt); break;
+        case Step::NothingDue: return count;
+        }
+    }
+}
+
+void MainQueue::stop() {
+    auto& s = state();
+    {
+        std::lock_guard lock(s.mutex);
+        s.stopRequested = true;
+    }
+    s.pumpCv.notify_all();
+}
+
+void MainQueue::setDispatcher(Dispatcher dispatcher) {
+    auto& s = state();
+    std::unique_lock lock(s.mutex);
+    if (!dispatcher) {
+        s.dispatcher = nullptr;
+        lock.unlock();
+        s.pumpCv.notify_all();
+        return;
+    }
+    s.dispatcher = std::make_shared<const Dispatcher>(std::move(dispatcher));
+    if (!s.timerThreadStarted) {
+        std::thread(timerLoop).detach();
+        s.timerThreadStarted = true;
+    }
+    s.timerCv.notify_one();
+    handOverDue(s, lock);
+}
+
+bool MainQueue::isMainThread() noexcept { return mainDepth > 0; }
+
+}  // namespace krcommon::platform

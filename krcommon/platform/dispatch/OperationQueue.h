@@ -1,0 +1,63 @@
+#pragma once
+
+#include <krcommon/platform/core/Export.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace krcommon::platform {
+
+/// Runs operations on worker threads, at most maxConcurrentOperationCount() at a time and
+/// started in the order they were added; with a count of 1 the queue is serial (strictly
+/// FIFO, one operation at a time). Worker threads start when work arrives and end after a
+/// while without any.
+///
+/// Usually held by std::shared_ptr. All members are safe to call from any thread. The
+/// destructor waits until every operation added has finished, then joins the workers;
+/// when the last reference is dropped from inside one of the queue's own operations it
+/// does not wait: the remaining operations still run, and the workers end afterwards.
+///
+/// An exception escaping an operation ends the process (std::terminate), as on any thread.
+class KRCOMMON_EXPORT OperationQueue {
+public:
+    /// The count that lets the system choose: the number of hardware threads, 2 to 64.
+    static constexpr int DefaultMaxConcurrentOperationCount = -1;
+
+    /// Throws InternalInconsistencyException unless `maxConcurrentOperationCount` is -1 or positive.
+    explicit OperationQueue(int maxConcurrentOperationCount = DefaultMaxConcurrentOperationCount,
+                            std::string name = {});
+    ~OperationQueue();
+    OperationQueue(const OperationQueue&) = delete;
+    OperationQueue& operator=(const OperationQueue&) = delete;
+
+    [[nodiscard]] std::string name() const;
+    void setName(std::string name);
+
+    [[nodiscard]] int maxConcurrentOperationCount() const;
+    /// Changes the width for operations started from now on; running ones are not affected.
+    /// Throws InternalInconsistencyException unless `count` is -1 or positive.
+    void setMaxConcurrentOperationCount(int count);
+
+    /// Queues `operation` to run on a worker thread. Throws InternalInconsistencyException
+    /// for an empty operation.
+    void addOperation(std::function<void()> operation);
+
+    /// Blocks until no operation is queued or running (including ones added meanwhile).
+    /// Throws InternalInconsistencyException when called from one of this queue's operations,
+    /// which would wait for itself.
+    void waitUntilAllOperationsAreFinished();
+
+    /// Operations queued or running.
+    [[nodiscard]] std::size_t operationCount() const;
+
+    /// Whether the calling thread is running one of this queue's operations.
+    [[nodiscard]] bool isCurrent() const noexcept;
+
+private:
+    struct Impl;
+    std::shared_ptr<Impl> impl_;  // shared with the workers, which may outlive this object
+};
+
+}  // namespace krcommon::platform
