@@ -1,0 +1,175 @@
+#include <krcommon/platform/io/JSONSerialization.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+using namespace krcommon::platform;
+
+namespace {
+
+std::string nestedArrays(std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); }
+
+}  // namespace
+
+TEST(JSONSerialization, ReadsValuesOfEveryKind) {
+    struct Row {
+        std::string text;
+        Value expected;
+    };
+    const Row rows[] = {
+        {R"([1, -1, 1.0, 2.5e3, -0.0])", Array{1, -1, 1.0, 2500.0, -0.0}},
+        {R"([9223372036854775807, -9223372036854775808])", Array{INT64_MAX, INT64_MIN}},
+        {R"([9223372036854775808, 18446744073709551616, -9223372036854775809])",
+         Array{9223372036854775808.0, 18446744073709551616.0, -9223372036854775809.0}},
+        {R"([0.1, 1.7976931348623157e308, 5e-324])", Array{0.1, 1.7976931348623157e308, 5e-324}},
+        {R"(["\u00e9\ud83d\ude00", "a\/b", "q\"\\\b\f\n\r\t", "\u0000"])",
+         Array{"\xC3\xA9\xF0\x9F\x98\x80", "a/b", "q\"\\\b\f\n\r\t", std::string(1, '\0')}},
+        {R"({"b": true, "a": false, "n": null, "b": 2})", Dictionary{{"b", 2}, {"a", false}, {"n", Null{}}}},
+        {"\xEF\xBB\xBF [ ] ", Array{}},
+        {"{\"\xE4\xB8\xAD\": {}}", Dictionary{{"\xE4\xB8\xAD", Dictionary{}}}},
+    };
+    for (const auto& row : rows) {
+        const auto read = JSONSerialization::parse(row.text);
+        ASSERT_TRUE(read) << row.text;
+        EXPECT_EQ(*read, row.expected) << row.text;
+    }
+    // Integers stay integers, others are reals; duplicate keys keep their first place.
+    const auto read = JSONSerialization::parse(R"({"b": 1, "a": 1.0, "b": 9223372036854775808})");
+    EXPECT_EQ((*read)["a"].kind(), Value::Kind::Real);
+    EXPECT_EQ((*read)["b"].kind(), Value::Kind::Real);
+    EXPECT_EQ(read->dictionary()->keys(), (std::vector<std::string>{"b", "a"}));
+    EXPECT_EQ(JSONSerialization::parse("[7]")->array()->front().kind(), Value::Kind::Integer);
+}
+
+TEST(JSONSerialization, RejectsInvalidTextWithAnError) {
+    struct Row {
+        std::string text;
+        const char* mentions;  // part of the debug description
+    };
+    const Row rows[] = {
+        {"", "empty"},
+        {"   ", "empty"},
+        {"1", "did not start with array or object"},
+        {"\"text\"", "did not start with array or object"},
+        {"null", "did not start with array or object"},
+        {"[1,]", "Invalid value"},
+        {"{\"a\"}", "colon"},
+        {"{'a': 1}", "name"},
+        {"[1] [2]", "root must not be followed"},
+        {"[01]", "Missing a comma"},
+        {"[NaN]", "Invalid value"},
+        {"[1e400]", "too big"},
+        {"[\"\xC3(\"]", "Invalid encoding"},
+        {"[\"\\ud800\"]", "surrogate"},
+        {"[\"tab\there\"]", "Invalid escape"},
+        {"[", "Invalid value"},
+        {std::string("[]\0[]", 5), "Garbage at end"},
+        {"[" + nestedArrays(600) + "]", "Too many nested"},
+    };
+    for (const auto& row : rows) {
+        std::shared_ptr<Error> error;
+        EXPECT_FALSE(JSONSerialization::parse(row.text, &error)) << row.text;
+        ASSERT_TRUE(error) << row.text;
+        EXPECT_EQ(error->domain(), "NSCocoaErrorDomain");
+        EXPECT_EQ(error->code(), 3840);
+        const auto* text = error->userInfo()["NSDebugDescription"].string();
+        ASSERT_TRUE(text) << row.text;
+        EXPECT_NE(text->find(row.mentions), std::string::npos) << row.text << " -> " << *text;
+        EXPECT_TRUE(error->userInfo()["NSJSONSerializationErrorIndex"].isNumber());
+    }
+}
+
+TEST(JSONSerialization, NestingStopsAtTheLimitWithoutRecursing) {
+    EXPECT_TRUE(JSONSerialization::parse(nestedArrays(512)));
+    EXPECT_FALSE(JSONSerialization::parse(nestedArrays(513)));
+    EXPECT_FALSE(JSONSerialization::parse(std::string(2000000, '[')));
+    EXPECT_FALSE(JSONSerialization::parse(std::string(1000000, '{').replace(1, 0, "\"k\":")));
+    Value deep = Array{};
+    for (int i = 0; i < 511; ++i) deep = Array{deep};
+    EXPECT_TRUE(JSONSerialization::isValidJSONObject(deep));
+    EXPECT_FALSE(JSONSerialization::isValidJSONObject(Array{deep}));
+}
+
+TEST(JSONSerialization, WritesThePlatformsText) {
+    const Value document = Dictionary{
+        {"url", "https://a.example/p?q"},
+        {"list", Array{1, 2.5, true, Null{}, 1e21, 3.0}},
+        {"empty", Dictionary{}},
+        {"nested", Dictionary{{"k", Array{}}}},
+        {"text", "\"\\\n\x01\xC3\xA9"},
+    };
+    EXPECT_EQ(*JSONSerialization::write(document, false),
+              R"({"url":"https:\/\/a.example\/p?q","list":[1,2.5,true,null,1e+21,3],"empty":{},)"
+              R"("nested":{"k":[]},"text":"\"\\\n\u0001)"
+              "\xC3\xA9\"}");
+    EXPECT_EQ(*JSONSerialization::write(document, true),
+              "{\n"
+              "  \"url\" : \"https:\\/\\/a.example\\/p?q\",\n"
+              "  \"list\" : [\n"
+              "    1,\n"
+              "    2.5,\n"
+              "    true,\n"
+              "    null,\n"
+              "    1e+21,\n"
+              "    3\n"
+              "  ],\n"
+              "  \"empty\" : {\n"
+              "\n"
+              "  },\n"
+              "  \"nested\" : {\n"
+              "    \"k\" : [\n"
+              "\n"
+              "    ]\n"
+              "  },\n"
+              "  \"text\" : \"\\\"\\\\\\n\\u0001\xC3\xA9\"\n"
+              "}");
+    EXPECT_EQ(*JSONSerialization::write(Array{}, true), "[\n\n]");
+}
+
+TEST(JSONSerialization, WrittenTextReadsBackEqual) {
+    const Value document = Dictionary{
+        {"numbers", Array{0.1, -0.0, 5e-324, 1.7976931348623157e308, INT64_MIN, INT64_MAX, 123456789012345.0,
+                          1e15, 9007199254740993.0}},
+        {"strings", Array{"", std::string("\0\x1F\x7F", 3), "\xF0\x9F\x98\x80/\\\"", "\xE2\x80\xA8"}},
+        {"mixed", Array{Dictionary{{"a", Null{}}}, Array{true, false}}},
+    };
+    for (bool pretty : {false, true}) {
+        const auto text = JSONSerialization::write(document, pretty);
+        ASSERT_TRUE(text);
+        EXPECT_EQ(JSONSerialization::parse(*text), document) << *text;
+    }
+}
+
+TEST(JSONSerialization, RefusesWhatJSONCannotHold) {
+    const double inf = std::numeric_limits<double>::infinity();
+    struct Row {
+        const char* name;
+        Value value;
+    };
+    const Row rows[] = {
+        {"top-level string", Value("s")},
+        {"top-level number", Value(1)},
+        {"top-level nil", Value()},
+        {"nil inside", Array{Value()}},
+        {"data", Array{Data{1}}},
+        {"date", Dictionary{{"d", Date{0}}}},
+        {"object", Array{Error::make("D", 1)}},
+        {"NaN", Array{std::nan("")}},
+        {"infinity", Dictionary{{"x", -inf}}},
+        {"invalid UTF-8 value", Array{"\xC0\x80"}},
+        {"invalid UTF-8 key", Dictionary{{"\xED\xA0\x80", 1}}},
+    };
+    for (const auto& row : rows) {
+        std::shared_ptr<Error> error;
+        EXPECT_FALSE(JSONSerialization::isValidJSONObject(row.value)) << row.name;
+        for (bool pretty : {false, true}) {
+            EXPECT_FALSE(JSONSerialization::write(row.value, pretty, &error)) << row.name;
+            ASSERT_TRUE(error) << row.name;
+            EXPECT_EQ(error->domain(), "NSCocoaErrorDomain");
+            EXPECT_EQ(error->code(), 3851);
+        }
+    }
+    EXPECT_TRUE(JSONSerialization::isValidJSONObject(Dictionary{{"a", Array{1, "b", Null{}, false}}}));
+}
