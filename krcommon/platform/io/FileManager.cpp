@@ -148,7 +148,8 @@ bool FileManager::moveItemAtPath(const std::string& from, const std::string& to,
 }
 
 bool FileManager::removeItemAtPath(const std::string& path, std::shared_ptr<Error>* error) {
-    if (path.empty() || !existsWithoutFollowing(path)) return fail(error, path.empty() ? ENOENT : errno, path, "remove");
+    if (path.empty()) return fail(error, ENOENT, path, "remove");
+    if (!existsWithoutFollowing(path)) return fail(error, errno, path, "remove");
     std::error_code ec;
     std::filesystem::remove_all(path, ec);
     return !ec || fail(error, ec.value(), path, "remove");

@@ -24,11 +24,12 @@
 #include <cmath>
 #include <vector>
 
-// Reading uses RapidJSON's iterative SAX reader, so its own stack stays flat
-// however deep the input, and builds Values on an explicit stack of open
-// containers. Writing walks the Value directly into the output string: the
-// platform's pretty form (" : " after keys, "{\n\n}" when empty), its "\/" and
-// its number text are not what RapidJSON's Writer and PrettyWriter produce.
+// Reading uses RapidJSON's iterative SAX reader for the grammar, UTF-8
+// validation and unescaping (its own stack stays flat however deep the input)
+// and builds Values on an explicit stack of open containers. Writing walks the
+// Value straight into the output string: the platform's pretty form (" : "
+// after keys, "{\n\n}" when empty), its "\/" and its number text are not what
+// RapidJSON's Writer and PrettyWriter produce.
 
 namespace krcommon::platform {
 
@@ -40,23 +41,67 @@ std::shared_ptr<Error> makeError(std::int64_t code, std::string text, std::optio
     return Error::make(JSONSerialization::errorDomain, code, std::move(info));
 }
 
+// Whether a number that std::from_chars found out of range is tiny rather than
+// huge: its leading significant digit sits below the units place. `text`
+// follows the JSON grammar: -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?
+bool underflows(std::string_view text) {
+    std::size_t i = text.front() == '-' ? 1 : 0;
+    const std::size_t integerStart = i;
+    while (i < text.size() && text[i] >= '0' && text[i] <= '9') ++i;
+    long long magnitude = static_cast<long long>(i - integerStart);  // digits before the point
+    if (text[integerStart] == '0') {
+        magnitude = 0;
+        if (i < text.size() && text[i] == '.') {
+            for (++i; i < text.size() && text[i] == '0'; ++i) --magnitude;
+        }
+    }
+    long long exponent = 0;
+    const std::size_t e = text.find_first_of("eE");
+    if (e != std::string_view::npos) {
+        std::size_t j = e + 1;
+        const bool negative = j < text.size() && text[j] == '-';
+        if (j < text.size() && (text[j] == '-' || text[j] == '+')) ++j;
+        for (; j < text.size() && exponent < 1000000000; ++j) exponent = exponent * 10 + (text[j] - '0');
+        if (negative) exponent = -exponent;
+    }
+    return magnitude + exponent <= 0;
+}
+
 // Builds Values from RapidJSON's SAX events with an explicit stack of open
 // containers, so deep input costs heap, not native stack, and stops at the limit.
+// Numbers arrive as text (RapidJSON 1.1's own conversion turns "0e-300" into
+// garbage and "1.8e308" into NaN) and are converted with std::from_chars,
+// which rounds correctly.
 class ValueBuilder {
 public:
     bool Null() { return add(platform::Null{}); }
     bool Bool(bool b) { return add(b); }
+    // The reader hands over every number through RawNumber(); these complete the handler.
     bool Int(int i) { return add(i); }
     bool Uint(unsigned u) { return add(u); }
     bool Int64(std::int64_t i) { return add(i); }
-    bool Uint64(std::uint64_t u) {
-        if (u > static_cast<std::uint64_t>(INT64_MAX)) return add(static_cast<double>(u));
-        return add(static_cast<std::int64_t>(u));
-    }
+    bool Uint64(std::uint64_t u) { return add(static_cast<double>(u)); }
     bool Double(double d) { return add(d); }
-    bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }  // not requested by the flags used
-    bool String(const char* s, rapidjson::SizeType length, bool) { return add(std::string(s, length)); }
+    bool RawNumber(const char* s, rapidjson::SizeType length, bool) {
+        const std::string_view text(s, length);
+        const char* const end = s + length;
+        if (text.find_first_of(".eE") == std::string_view::npos) {
+            std::int64_t i = 0;
+            if (const auto r = std::from_chars(s, end, i); r.ec == std::errc() && r.ptr == end) return add(i);
+            // Beyond 64 signed bits, as a real (what fits 64 unsigned bits rounds the same way).
+        }
+        double d = 0;
+        const auto r = std::from_chars(s, end, d);
+        if (r.ec == std::errc() && r.ptr == end) return add(d);
+        if (r.ec == std::errc::result_out_of_range && underflows(text)) return add(text.front() == '-' ? -0.0 : 0.0);
+        numberTooBig = true;
+        return false;
+    }
+    bool String(const char* s, rapidjson::SizeType length, bool) {
+        return wellFormed(s, length) && add(std::string(s, length));
+    }
     bool Key(const char* s, rapidjson::SizeType length, bool) {
+        if (!wellFormed(s, length)) return false;
         stack_.back().key.assign(s, length);
         return true;
     }
@@ -68,8 +113,19 @@ public:
     std::optional<Value> result;
     bool tooDeep = false;
     bool notAContainer = false;
+    bool numberTooBig = false;
+    bool loneSurrogate = false;
 
 private:
+    // RapidJSON checks that an escaped high surrogate has its low half but lets
+    // a lone low one (\uDC00-\uDFFF) through, encoded as ED B0-BF xx, which is
+    // not UTF-8. Raw input has been validated already, so only those bytes can be wrong.
+    bool wellFormed(const char* s, rapidjson::SizeType length) {
+        if (!std::memchr(s, 0xED, length) || UTF8::isValid(std::string_view(s, length))) return true;
+        loneSurrogate = true;
+        return false;
+    }
+
     struct Frame {
         Value container;
         std::string key;
@@ -135,7 +191,8 @@ public:
 private:
     void grow(std::size_t n) {
         const std::size_t used = static_cast<std::size_t>(cursor_ - storage_.get());
-        const std::size_t capacity = std::max<std::size_t>(static_cast<std::size_t>(end_ - storage_.get()) * 2, used + n);
+        const auto current = static_cast<std::size_t>(end_ - storage_.get());
+        const std::size_t capacity = std::max<std::size_t>(current * 2, used + n);
         std::unique_ptr<char[]> bigger(new char[capacity]);  // left uninitialised: every byte is written before use
         if (used) std::memcpy(bigger.get(), storage_.get(), used);
         storage_ = std::move(bigger);
@@ -344,7 +401,7 @@ std::optional<Value> JSONSerialization::parse(std::string_view bytes, std::share
     rapidjson::Reader reader;
     rapidjson::MemoryStream stream(text.data(), text.size());
     constexpr unsigned flags =
-        rapidjson::kParseIterativeFlag | rapidjson::kParseFullPrecisionFlag | rapidjson::kParseValidateEncodingFlag;
+        rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseValidateEncodingFlag;
     const rapidjson::ParseResult ok = reader.Parse<flags>(stream, builder);
     // RapidJSON takes a NUL byte for the end of the text; whatever follows one is garbage.
     if (ok && builder.result && stream.Tell() == text.size()) return std::move(builder.result);
@@ -357,6 +414,10 @@ std::optional<Value> JSONSerialization::parse(std::string_view bytes, std::share
         } else if (builder.notAContainer) {
             description = "JSON text did not start with array or object and option to allow fragments not set.";
             offset = skipped;
+        } else if (builder.loneSurrogate) {
+            description = "Unpaired surrogate in string escape around character " + std::to_string(offset) + ".";
+        } else if (builder.numberTooBig) {
+            description = "Number too big to be stored in double around character " + std::to_string(offset) + ".";
         } else if (builder.tooDeep) {
             description = "Too many nested arrays or dictionaries around character " + std::to_string(offset) + ".";
         } else {

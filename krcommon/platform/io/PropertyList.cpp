@@ -5,6 +5,8 @@
 
 #include <plist/plist.h>
 
+#include <locale.h>
+
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -33,6 +35,26 @@ struct PlistDeleter {
     void operator()(plist_t node) const noexcept { plist_free(node); }
 };
 using PlistPtr = std::unique_ptr<void, PlistDeleter>;
+
+// libplist reads reals with strtod(), which follows LC_NUMERIC: a host that
+// adopted a German locale would read "0.25" as 0. Its calls run under the C
+// locale, set for the calling thread only.
+class CLocaleScope {
+public:
+    CLocaleScope() : previous_(cLocale() ? ::uselocale(cLocale()) : nullptr) {}
+    ~CLocaleScope() {
+        if (previous_) ::uselocale(previous_);
+    }
+    CLocaleScope(const CLocaleScope&) = delete;
+    CLocaleScope& operator=(const CLocaleScope&) = delete;
+
+private:
+    static locale_t cLocale() {
+        static const locale_t c = ::newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
+        return c;
+    }
+    locale_t previous_;
+};
 
 std::shared_ptr<Error> makeError(std::int64_t code, std::string text) {
     return Error::make(PropertyList::errorDomain, code, Dictionary{{"NSDebugDescription", std::move(text)}});
@@ -69,13 +91,21 @@ bool xmlNestingWithin(std::string_view xml, int limit) noexcept {
     std::size_t i = 0;
     while ((i = xml.find('<', i)) != std::string_view::npos) {
         const std::string_view rest = xml.substr(i + 1);
+        // The terminator is searched after the opening: "<!-->" does not end a comment.
+        struct Region {
+            std::string_view opening, terminator;
+        };
+        static constexpr Region regions[] = {{"!--", "-->"}, {"![CDATA[", "]]>"}, {"?", "?>"}, {"!", ">"}};
         std::string_view terminator;
-        if (startsWith(rest, "!--")) terminator = "-->";
-        else if (startsWith(rest, "![CDATA[")) terminator = "]]>";
-        else if (startsWith(rest, "?")) terminator = "?>";
-        else if (startsWith(rest, "!")) terminator = ">";
+        std::size_t opening = 0;
+        for (const auto& region : regions) {
+            if (!startsWith(rest, region.opening)) continue;
+            terminator = region.terminator;
+            opening = region.opening.size();
+            break;
+        }
         if (!terminator.empty()) {
-            const std::size_t end = rest.find(terminator, 1);
+            const std::size_t end = rest.find(terminator, opening);
             const std::string_view region = rest.substr(0, end);
             depth += opensIn(region);
             if (depth > limit) return false;
@@ -493,6 +523,7 @@ std::optional<Value> PropertyList::parse(std::string_view bytes, std::shared_ptr
     if (bytes.empty()) return reject("Cannot parse an empty property list");
     if (bytes.size() > UINT32_MAX) return reject("Property list too large");
 
+    const CLocaleScope cLocale;
     PlistPtr root;
     plist_t node = nullptr;
     if (startsWith(bytes, "bplist00")) {
@@ -520,6 +551,7 @@ std::optional<Value> PropertyList::parse(std::string_view bytes, std::shared_ptr
 }
 
 std::optional<std::string> PropertyList::writeXML(const Value& value, std::shared_ptr<Error>* error) {
+    const CLocaleScope cLocale;
     NodeWriter writer;
     PlistPtr root = writer.write(value, 0);
     if (!root) {

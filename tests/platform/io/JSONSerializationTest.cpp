@@ -24,6 +24,9 @@ TEST(JSONSerialization, ReadsValuesOfEveryKind) {
         {R"([9223372036854775808, 18446744073709551616, -9223372036854775809])",
          Array{9223372036854775808.0, 18446744073709551616.0, -9223372036854775809.0}},
         {R"([0.1, 1.7976931348623157e308, 5e-324])", Array{0.1, 1.7976931348623157e308, 5e-324}},
+        // Correctly rounded, zero significands and underflow included.
+        {R"([0e-300, 0.0e-300, 1e-400, 2.2250738585072011e-308, 9007199254740993])",
+         Array{0.0, 0.0, 0.0, 2.2250738585072011e-308, 9007199254740992.0}},
         {R"(["\u00e9\ud83d\ude00", "a\/b", "q\"\\\b\f\n\r\t", "\u0000"])",
          Array{"\xC3\xA9\xF0\x9F\x98\x80", "a/b", "q\"\\\b\f\n\r\t", std::string(1, '\0')}},
         {R"({"b": true, "a": false, "n": null, "b": 2})", Dictionary{{"b", 2}, {"a", false}, {"n", Null{}}}},
@@ -35,6 +38,7 @@ TEST(JSONSerialization, ReadsValuesOfEveryKind) {
         ASSERT_TRUE(read) << row.text;
         EXPECT_EQ(*read, row.expected) << row.text;
     }
+    EXPECT_TRUE(std::signbit(*JSONSerialization::parse("[-1e-400]")->array()->front().realValue()));
     // Integers stay integers, others are reals; duplicate keys keep their first place.
     const auto read = JSONSerialization::parse(R"({"b": 1, "a": 1.0, "b": 9223372036854775808})");
     EXPECT_EQ((*read)["a"].kind(), Value::Kind::Real);
@@ -61,8 +65,11 @@ TEST(JSONSerialization, RejectsInvalidTextWithAnError) {
         {"[01]", "Missing a comma"},
         {"[NaN]", "Invalid value"},
         {"[1e400]", "too big"},
+        {"[1.8e308]", "too big"},
         {"[\"\xC3(\"]", "Invalid encoding"},
         {"[\"\\ud800\"]", "surrogate"},
+        {"[\"\\ude00\"]", "surrogate"},
+        {"{\"\\udfff\": 1}", "surrogate"},
         {"[\"tab\there\"]", "Invalid escape"},
         {"[", "Invalid value"},
         {std::string("[]\0[]", 5), "Garbage at end"},

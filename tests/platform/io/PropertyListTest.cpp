@@ -12,6 +12,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <locale.h>
 
 using namespace krcommon::platform;
 using krcommon::test::TempFolder;
@@ -174,6 +175,7 @@ TEST(PropertyList, BoundsNestingAndExpansion) {
         {"xml very deep", nestedXML(200000), false},
         {"xml unclosed", "<plist>" + repeat("<dict>", 200000), false},
         {"closings hidden in comments", "<plist>" + repeat("<array><!--</array>-->", 100000), false},
+        {"comment that only looks closed", "<plist>" + repeat("<array><!--></array>-->", 100000), false},
         {"closings hidden in CDATA", "<plist>" + repeat("<array><![CDATA[</array>]]>", 100000), false},
         {"self-closing look-alike", "<plist>" + repeat("<array a=\"/>\">", 100000), false},
         {"binary at the limit", chainOfArrays(512, 1), true},
@@ -231,4 +233,20 @@ TEST(PropertyList, ReadsAndWritesFiles) {
     EXPECT_FALSE(PropertyList::readFile(tmp / "missing.plist", &error));
     EXPECT_EQ(error->domain(), "NSPOSIXErrorDomain");
     EXPECT_EQ(error->code(), ENOENT);
+}
+
+// A host that adopts a locale writing "0,5" must still read and write "0.5".
+TEST(PropertyList, RealsIgnoreTheNumericLocale) {
+    locale_t comma = nullptr;
+    for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8"})
+        if ((comma = ::newlocale(LC_ALL_MASK, name, static_cast<locale_t>(nullptr)))) break;
+    if (!comma) GTEST_SKIP() << "no locale with a decimal comma installed";
+    const locale_t previous = ::uselocale(comma);
+    const auto read = PropertyList::parse(std::string("<plist><array><real>0.25</real></array></plist>"));
+    const auto written = PropertyList::writeXML(Array{0.5});
+    ::uselocale(previous);
+    ::freelocale(comma);
+    EXPECT_EQ(read, Value(Array{0.25}));
+    ASSERT_TRUE(written);
+    EXPECT_NE(written->find("<real>0.5</real>"), std::string::npos) << *written;
 }

@@ -1,7 +1,5 @@
 #include <krcommon/platform/io/SearchPaths.h>
 
-#include <krcommon/platform/io/FileManager.h>
-
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -78,13 +76,6 @@ TEST_F(SearchPathsTest, BundleIdentifierDefaultsToTheExecutableName) {
     EXPECT_EQ(SearchPaths::applicationHome(), std::string("/xdg/") + program_invocation_short_name);
     SearchPaths::setBundleIdentifier("com.example.other");
     EXPECT_EQ(SearchPaths::applicationHome(), "/xdg/com.example.other");
-}
-
-TEST_F(SearchPathsTest, GettersCreateNothing) {
-    const std::string home = "/tmp/krcommon-io-never-created-" + std::to_string(::getpid());
-    SearchPaths::setApplicationHome(home);
-    EXPECT_EQ(SearchPaths::documentsDirectory(), home + "/Documents");
-    EXPECT_FALSE(FileManager::fileExistsAtPath(home));
 }
 
 TEST_F(SearchPathsTest, OverridesAreSafeAcrossThreads) {
