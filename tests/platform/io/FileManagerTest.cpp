@@ -14,7 +14,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <thread>
 #include <vector>
 
@@ -36,76 +35,67 @@ std::vector<std::string> namesIn(const std::string& folder) {
     return names;
 }
 
+void expectPOSIXError(const std::shared_ptr<Error>& error, int code, const std::string& what) {
+    ASSERT_TRUE(error) << what;
+    EXPECT_EQ(error->domain(), "NSPOSIXErrorDomain") << what;
+    EXPECT_EQ(error->code(), code) << what;
+}
+
 // Whether the file is exactly one of the two versions written: `size` bytes all 'A' or all 'B'.
 bool isWholeVersion(const std::string& text, std::size_t size) {
-    return text.size() == size && (text == std::string(size, 'A') || text == std::string(size, 'B'));
+    return text == std::string(size, 'A') || text == std::string(size, 'B');
 }
 
 }  // namespace
 
-TEST(FileManager, CreatesDirectoriesAsThePlatformDoes) {
+TEST(FileManager, CreatesDirectoriesAndTestsExistence) {
     TempFolder tmp;
     writeText(tmp / "file", "x");
-    struct Row {
-        std::string path;
-        bool intermediates;
-        int expectedErrno;  // 0 for success
+    const std::tuple<std::string, bool, int> rows[] = {  // path, with intermediates, errno (0: success)
+        {tmp / "a/b/c", true, 0},       {tmp / "a/b/c", true, 0},   {tmp / "a/b/c", false, EEXIST},
+        {tmp / "x/y", false, ENOENT},   {tmp / "a/b/d", false, 0},  {tmp / "file", true, EEXIST},
+        {tmp / "file/sub/deeper", true, ENOTDIR},                   {"", true, ENOENT},
     };
-    const Row rows[] = {
-        {tmp / "a/b/c", true, 0},
-        {tmp / "a/b/c", true, 0},  // existing directory: fine with intermediates
-        {tmp / "a/b/c", false, EEXIST},
-        {tmp / "x/y", false, ENOENT},
-        {tmp / "a/b/d", false, 0},
-        {tmp / "file", true, EEXIST},
-        {tmp / "file/sub/deeper", true, ENOTDIR},
-        {"", true, ENOENT},
-    };
-    for (const auto& row : rows) {
+    for (const auto& [path, intermediates, code] : rows) {
         std::shared_ptr<Error> error;
-        const bool ok = FileManager::createDirectoryAtPath(row.path, row.intermediates, &error);
-        EXPECT_EQ(ok, row.expectedErrno == 0) << row.path;
-        if (row.expectedErrno == 0) {
-            bool isDirectory = false;
-            EXPECT_TRUE(FileManager::fileExistsAtPath(row.path, &isDirectory) && isDirectory) << row.path;
-        } else {
-            ASSERT_TRUE(error) << row.path;
-            EXPECT_EQ(error->domain(), "NSPOSIXErrorDomain");
-            EXPECT_EQ(error->code(), row.expectedErrno) << row.path;
-        }
+        EXPECT_EQ(FileManager::createDirectoryAtPath(path, intermediates, &error), code == 0) << path;
+        bool isDirectory = false;
+        if (code == 0) EXPECT_TRUE(FileManager::fileExistsAtPath(path, &isDirectory) && isDirectory) << path;
+        else expectPOSIXError(error, code, path);
+    }
+    // Existence follows links; a dangling one is absent.
+    ASSERT_EQ(::symlink((tmp / "missing").c_str(), (tmp / "dangling").c_str()), 0);
+    ASSERT_EQ(::symlink(tmp.path().c_str(), (tmp / "dirlink").c_str()), 0);
+    const std::tuple<std::string, bool, bool> links[] = {
+        {"file", true, false}, {"dirlink", true, true}, {"dangling", false, false}, {"missing", false, false}};
+    for (const auto& [name, exists, directory] : links) {
+        bool isDirectory = !directory;
+        EXPECT_EQ(FileManager::fileExistsAtPath(tmp / name, &isDirectory), exists) << name;
+        EXPECT_TRUE(!exists || isDirectory == directory) << name;
     }
 }
 
-TEST(FileManager, ExistenceFollowsLinks) {
-    TempFolder tmp;
-    writeText(tmp / "file", "x");
-    ASSERT_EQ(::symlink((tmp / "missing").c_str(), (tmp / "dangling").c_str()), 0);
-    ASSERT_EQ(::symlink(tmp.path().c_str(), (tmp / "dirlink").c_str()), 0);
-    bool isDirectory = true;
-    EXPECT_TRUE(FileManager::fileExistsAtPath(tmp / "file", &isDirectory));
-    EXPECT_FALSE(isDirectory);
-    EXPECT_TRUE(FileManager::fileExistsAtPath(tmp / "dirlink", &isDirectory));
-    EXPECT_TRUE(isDirectory);
-    EXPECT_FALSE(FileManager::fileExistsAtPath(tmp / "dangling"));
-    EXPECT_FALSE(FileManager::fileExistsAtPath(tmp / "missing"));
-}
-
-TEST(FileManager, MoveRefusesToReplace) {
+TEST(FileManager, MovesWithoutReplacingAndRemovesTreesButNotLinkTargets) {
     TempFolder tmp;
     writeText(tmp / "from", "new");
     writeText(tmp / "to", "old");
     std::shared_ptr<Error> error;
     EXPECT_FALSE(FileManager::moveItemAtPath(tmp / "from", tmp / "to", &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code(), EEXIST);
-    EXPECT_EQ(readText(tmp / "from"), "new");
-    EXPECT_EQ(readText(tmp / "to"), "old");
-
-    EXPECT_TRUE(FileManager::moveItemAtPath(tmp / "from", tmp / "moved", &error));
-    EXPECT_EQ(readText(tmp / "moved"), "new");
-    EXPECT_FALSE(FileManager::fileExistsAtPath(tmp / "from"));
+    expectPOSIXError(error, EEXIST, "onto existing");
+    EXPECT_EQ(readText(tmp / "from") + readText(tmp / "to"), "newold");
+    ASSERT_TRUE(FileManager::createDirectoryAtPath(tmp / "tree/a/b", true));
+    EXPECT_TRUE(FileManager::moveItemAtPath(tmp / "from", tmp / "tree/a/b/f", &error));
+    EXPECT_EQ(readText(tmp / "tree/a/b/f"), "new");
     EXPECT_FALSE(FileManager::moveItemAtPath(tmp / "from", tmp / "again", &error));
-    EXPECT_EQ(error->code(), ENOENT);
+    expectPOSIXError(error, ENOENT, "moved away");
+
+    ASSERT_EQ(::symlink(tmp.path().c_str(), (tmp / "tree/a/link").c_str()), 0);  // must not be followed
+    EXPECT_TRUE(FileManager::removeItemAtPath(tmp / "tree"));
+    EXPECT_FALSE(FileManager::fileExistsAtPath(tmp / "tree"));
+    EXPECT_EQ(readText(tmp / "to"), "old");
+    EXPECT_FALSE(FileManager::removeItemAtPath(tmp / "tree", &error));
+    expectPOSIXError(error, ENOENT, "removed twice");
+    EXPECT_EQ(*error->userInfo()["NSFilePath"].string(), tmp / "tree");
 }
 
 TEST(FileManager, MovesTreesAcrossFileSystems) {
@@ -122,46 +112,22 @@ TEST(FileManager, MovesTreesAcrossFileSystems) {
     EXPECT_TRUE(FileManager::removeItemAtPath(target));
 }
 
-TEST(FileManager, RemovesTreesButNotLinkTargets) {
-    TempFolder tmp;
-    ASSERT_TRUE(FileManager::createDirectoryAtPath(tmp / "keep", false));
-    writeText(tmp / "keep/precious", "p");
-    ASSERT_TRUE(FileManager::createDirectoryAtPath(tmp / "tree/a/b", true));
-    writeText(tmp / "tree/a/b/f", "f");
-    ASSERT_EQ(::symlink((tmp / "keep").c_str(), (tmp / "tree/a/link").c_str()), 0);
-
-    EXPECT_TRUE(FileManager::removeItemAtPath(tmp / "tree"));
-    EXPECT_FALSE(FileManager::fileExistsAtPath(tmp / "tree"));
-    EXPECT_EQ(readText(tmp / "keep/precious"), "p");
-
-    std::shared_ptr<Error> error;
-    EXPECT_FALSE(FileManager::removeItemAtPath(tmp / "tree", &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code(), ENOENT);
-    EXPECT_EQ(*error->userInfo()["NSFilePath"].string(), tmp / "tree");
-}
-
 TEST(FileManager, ReadsWholeFilesWhateverTheirReportedSize) {
     TempFolder tmp;
-    std::string big(3 * 1024 * 1024 + 7, '\0');
-    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 131);
+    std::string big;
+    for (std::size_t i = 0; i < 3 * 1024 * 1024 + 7; ++i) big += static_cast<char>(i * 131);
     ASSERT_TRUE(FileManager::writeAtomically(tmp / "big", big));
     EXPECT_EQ(readText(tmp / "big"), big);
-    ASSERT_TRUE(FileManager::writeAtomically(tmp / "empty", std::string_view()));
-    EXPECT_EQ(readText(tmp / "empty"), "");
-    // /proc reports a size of 0 for files that are not empty.
-    EXPECT_NE(readText("/proc/self/status").find("Pid:"), std::string::npos);
-
-    const std::pair<std::string, int> failures[] = {{tmp / "missing", ENOENT}, {tmp.path(), EISDIR}};
-    for (const auto& [path, code] : failures) {
+    ASSERT_TRUE(FileManager::writeAtomically(tmp / "empty", std::string_view()) && readText(tmp / "empty").empty());
+    EXPECT_NE(readText("/proc/self/status").find("Pid:"), std::string::npos);  // reported size 0
+    for (const auto& [path, code] : {std::pair{tmp / "missing", ENOENT}, std::pair{tmp.path(), EISDIR}}) {
         std::shared_ptr<Error> error;
         EXPECT_FALSE(FileManager::contentsAtPath(path, &error)) << path;
-        ASSERT_TRUE(error) << path;
-        EXPECT_EQ(error->code(), code) << path;
+        expectPOSIXError(error, code, path);
     }
 }
 
-TEST(FileManager, WritesReplaceAndLeaveNoTemporaryFiles) {
+TEST(FileManager, WritesReplaceOrFailKeepingTheOldFileAndNoLeftovers) {
     TempFolder tmp;
     for (bool atomically : {true, false}) {
         const std::string path = tmp / (atomically ? "atomic" : "in-place");
@@ -170,36 +136,20 @@ TEST(FileManager, WritesReplaceAndLeaveNoTemporaryFiles) {
         EXPECT_EQ(readText(path), "second");
     }
     EXPECT_EQ(namesIn(tmp.path()).size(), 2u);
-}
 
-TEST(FileManager, FailedWritesReportAndKeepTheOldFile) {
-    TempFolder tmp;
     writeText(tmp / "plain-file", "x");
     ASSERT_TRUE(FileManager::createDirectoryAtPath(tmp / "locked", false));
     writeText(tmp / "locked/target", "old");
     ASSERT_EQ(::chmod((tmp / "locked").c_str(), 0555), 0);
-    // Root writes into read-only folders anyway, so that row runs for other users
-    // only; a path under a plain file fails for everyone.
-    const bool chmodBinds = ::access((tmp / "locked").c_str(), W_OK) != 0;
-
-    struct Row {
-        std::string path;
-        int code;
-    };
-    std::vector<Row> rows = {
-        {tmp / "plain-file/target", ENOTDIR},
-        {tmp / "no-folder/target", ENOENT},
-        {tmp / "dir-as-target/", EISDIR},
-    };
-    if (chmodBinds) rows.push_back({tmp / "locked/target", EACCES});
-    for (const auto& row : rows) {
+    std::vector<std::pair<std::string, int>> rows = {
+        {tmp / "plain-file/target", ENOTDIR}, {tmp / "no-folder/target", ENOENT}, {tmp / "dir-as-target/", EISDIR}};
+    // Root writes into read-only folders anyway; a path under a plain file fails for everyone.
+    if (::access((tmp / "locked").c_str(), W_OK) != 0) rows.push_back({tmp / "locked/target", EACCES});
+    for (const auto& [path, code] : rows) {
         for (bool atomically : {true, false}) {
             std::shared_ptr<Error> error;
-            EXPECT_FALSE(FileManager::writeToFile(row.path, std::string("new"), atomically, &error)) << row.path;
-            ASSERT_TRUE(error) << row.path;
-            EXPECT_EQ(error->domain(), "NSPOSIXErrorDomain");
-            EXPECT_EQ(error->code(), row.code) << row.path;
-            EXPECT_FALSE(error->localizedDescription().empty());
+            EXPECT_FALSE(FileManager::writeToFile(path, std::string("new"), atomically, &error)) << path;
+            expectPOSIXError(error, code, path);
         }
     }
     EXPECT_EQ(readText(tmp / "locked/target"), "old");
@@ -207,28 +157,23 @@ TEST(FileManager, FailedWritesReportAndKeepTheOldFile) {
     EXPECT_EQ(namesIn(tmp / "locked"), std::vector<std::string>{"target"});
 }
 
-// A writer killed at random moments must leave one whole version behind, never
-// a mix, a truncated file or nothing.
+// A writer killed at any moment must leave one whole version behind, never a mix, a truncated file or nothing.
 TEST(FileManager, AtomicWritesSurviveBeingKilled) {
     TempFolder tmp;
     const std::string path = tmp / "state";
     constexpr std::size_t size = 64 * 1024;
     const std::string versions[2] = {std::string(size, 'A'), std::string(size, 'B')};
     ASSERT_TRUE(FileManager::writeAtomically(path, versions[0]));
-
-    std::mt19937 random(std::random_device{}());
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(6);
     int rounds = 0;
     for (; rounds < 150 && std::chrono::steady_clock::now() < deadline; ++rounds) {
         const pid_t child = ::fork();
         ASSERT_GE(child, 0);
-        if (child == 0) {
+        if (child == 0)
             for (unsigned i = 0;; ++i) FileManager::writeAtomically(path, versions[i % 2]);
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+        std::this_thread::sleep_for(std::chrono::microseconds(rounds * 1777 % 3000));  // spread over 0..3 ms
         ::kill(child, SIGKILL);
-        int status = 0;
-        ::waitpid(child, &status, 0);
+        ::waitpid(child, nullptr, 0);
         ASSERT_TRUE(isWholeVersion(readText(path), size)) << "round " << rounds;
     }
     EXPECT_GE(rounds, 50);
@@ -241,19 +186,14 @@ TEST(FileManager, ConcurrentAtomicWritersNeverTearAFile) {
     ASSERT_TRUE(FileManager::writeAtomically(path, std::string(size, 'A')));
     std::atomic<bool> stop{false};
     std::atomic<int> failures{0};
-    std::vector<std::thread> writers;
-    for (char c : {'A', 'B'}) {
-        writers.emplace_back([&, c] {
-            const std::string text(size, c);
-            for (int i = 0; i < 40; ++i)
-                if (!FileManager::writeAtomically(path, text)) ++failures;
-        });
-    }
-    std::thread reader([&] {
-        while (!stop)
-            if (!isWholeVersion(readText(path), size)) ++failures;
+    auto writer = [&](char c) {
+        for (int i = 0; i < 40; ++i) failures += !FileManager::writeAtomically(path, std::string(size, c));
+    };
+    std::thread a(writer, 'A'), b(writer, 'B'), reader([&] {
+        while (!stop) failures += !isWholeVersion(readText(path), size);
     });
-    for (auto& w : writers) w.join();
+    a.join();
+    b.join();
     stop = true;
     reader.join();
     EXPECT_EQ(failures, 0);

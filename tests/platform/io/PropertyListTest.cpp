@@ -11,7 +11,6 @@
 #include <chrono>
 #include <climits>
 #include <cmath>
-#include <cstdlib>
 #include <locale.h>
 
 using namespace krcommon::platform;
@@ -19,18 +18,21 @@ using krcommon::test::TempFolder;
 
 namespace {
 
-// The binary form of an XML property list, made by libplist itself.
-std::string toBinary(const std::string& xml) {
-    plist_t root = nullptr;
-    plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &root);
-    if (!root) return {};
+// libplist's own binary encoding of a node, which it frees.
+std::string toBinary(plist_t root) {
     char* bin = nullptr;
     std::uint32_t length = 0;
-    plist_to_bin(root, &bin, &length);
+    if (root) plist_to_bin(root, &bin, &length);
     std::string out = bin ? std::string(bin, length) : std::string();
     plist_to_bin_free(bin);
     plist_free(root);
     return out;
+}
+
+std::string toBinary(const std::string& xml) {
+    plist_t root = nullptr;
+    plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &root);
+    return toBinary(root);
 }
 
 // A binary property list of `count` arrays, array i holding `fanOut` references
@@ -51,24 +53,19 @@ std::string chainOfArrays(std::size_t count, unsigned fanOut, bool cycle = false
     const std::uint64_t table = out.size();
     for (auto offset : offsets) bigEndian(offset, 8);
     out.append(6, '\0');
-    out.push_back(8);
-    out.push_back(4);
+    out += "\x08\x04";  // offset and reference widths
     bigEndian(count, 8);
     bigEndian(0, 8);
     bigEndian(table, 8);
     return out;
 }
 
-std::string repeat(std::string_view piece, std::size_t n) {
-    std::string out;
-    out.reserve(piece.size() * n);
+std::string repeat(std::string_view piece, std::size_t n, std::string out = "<plist>") {
     for (std::size_t i = 0; i < n; ++i) out.append(piece);
     return out;
 }
 
-std::string nestedXML(std::size_t depth) {
-    return "<plist>" + repeat("<array>", depth) + repeat("</array>", depth) + "</plist>";
-}
+std::string nestedXML(std::size_t depth) { return repeat("<array>", depth) + repeat("</array>", depth, "") + "</plist>"; }
 
 Value everyKind() {
     return Dictionary{
@@ -88,9 +85,7 @@ Value everyKind() {
 }  // namespace
 
 TEST(PropertyList, RoundTripsThroughXMLAndBinary) {
-    const Value values[] = {everyKind(), Array{everyKind(), 1}, Value("top-level string"), Value(42),
-                            Value(Dictionary{})};
-    for (const Value& value : values) {
+    for (const Value& value : {everyKind(), Value(Array{everyKind(), 1}), Value("top"), Value(42), Value(Dictionary{})}) {
         const auto xml = PropertyList::writeXML(value);
         ASSERT_TRUE(xml) << value.description();
         EXPECT_EQ(PropertyList::parse(*xml), value) << *xml;
@@ -98,54 +93,34 @@ TEST(PropertyList, RoundTripsThroughXMLAndBinary) {
         ASSERT_EQ(bin.substr(0, 8), "bplist00");
         EXPECT_EQ(PropertyList::parse(bin), value) << *xml;
     }
-    // Members keep the order they were written in.
+    // Members keep the order they were written in (equality ignores it).
     const auto read = PropertyList::parse(*PropertyList::writeXML(everyKind()));
     EXPECT_EQ(read->dictionary()->keys(), everyKind().dictionary()->keys());
 }
 
-TEST(PropertyList, DatesCountFrom1970) {
+TEST(PropertyList, ReadsEveryDateAndIntegerForm) {
+    // Dates count from 1970 here, from 2001 inside binary lists; XML drops the fraction.
     const auto xml = PropertyList::writeXML(Array{Date{0}, Date{978307200.0 + 0.75}});
     ASSERT_TRUE(xml);
     EXPECT_NE(xml->find("<date>1970-01-01T00:00:00Z</date>"), std::string::npos) << *xml;
     EXPECT_NE(xml->find("<date>2001-01-01T00:00:00Z</date>"), std::string::npos) << *xml;
-    // Binary dates keep their fraction.
-    const auto fine = PropertyList::parse(toBinary("<plist><date>2001-01-01T00:00:00Z</date></plist>"));
-    EXPECT_EQ(fine, Value(Date{978307200.0}));
-}
-
-TEST(PropertyList, ReadsEveryIntegerForm) {
-    const auto read = PropertyList::parse(
-        "<plist><array><integer>18446744073709551615</integer><integer>-1</integer>"
-        "<integer>9223372036854775807</integer></array></plist>");
+    EXPECT_EQ(PropertyList::parse(toBinary("<plist><date>2001-01-01T00:00:00Z</date></plist>")),
+              Value(Date{978307200.0}));
+    // Unsigned values past INT64_MAX become reals (equality would not tell the kinds apart).
+    const auto read = PropertyList::parse("<plist><array><integer>18446744073709551615</integer><integer>-1</integer>"
+                                          "<integer>9223372036854775807</integer></array></plist>");
     ASSERT_TRUE(read);
-    const Array& items = *read->array();
-    EXPECT_EQ(items[0].kind(), Value::Kind::Real);
-    EXPECT_EQ(*items[0].realValue(), 18446744073709551615.0);
-    EXPECT_EQ(items[1].kind(), Value::Kind::Integer);
-    EXPECT_EQ(*items[1].integerValue(), -1);
-    EXPECT_EQ(*items[2].integerValue(), INT64_MAX);
-
-    plist_t uid = plist_new_uid(7);
-    char* bin = nullptr;
-    std::uint32_t length = 0;
-    plist_to_bin(uid, &bin, &length);
-    EXPECT_EQ(PropertyList::parse(std::string_view(bin, length)), Value(Dictionary{{"CF$UID", 7}}));
-    plist_to_bin_free(bin);
-    plist_free(uid);
+    EXPECT_EQ(*read, Value(Array{18446744073709551615.0, -1, INT64_MAX}));
+    for (std::size_t i : {0, 1, 2})
+        EXPECT_EQ((*read->array())[i].kind(), i == 0 ? Value::Kind::Real : Value::Kind::Integer) << i;
+    EXPECT_EQ(PropertyList::parse(toBinary(plist_new_uid(7))), Value(Dictionary{{"CF$UID", 7}}));
 }
 
 TEST(PropertyList, RejectsWhatIsNotAPropertyList) {
-    const std::string rows[] = {
-        "",
-        "   \n",
-        "just text",
-        "{\"json\": 1}",
-        "<plist></plist>",
-        "<plist><dict><key>a</key><string>b</string></dict",
-        "<plist><string>\xC3(</string></plist>",  // not UTF-8
-        "bplist00",
-        "bplist00" + std::string(40, '\0'),
-    };
+    const std::string rows[] = {"", "   \n", "just text", "{\"json\": 1}", "<plist></plist>",
+                                "<plist><dict><key>a</key><string>b</string></dict",
+                                "<plist><string>\xC3(</string></plist>",  // not UTF-8
+                                "bplist00", "bplist00" + std::string(40, '\0')};
     for (const auto& row : rows) {
         std::shared_ptr<Error> error;
         EXPECT_FALSE(PropertyList::parse(row, &error)) << row;
@@ -154,85 +129,56 @@ TEST(PropertyList, RejectsWhatIsNotAPropertyList) {
         EXPECT_EQ(error->code(), 3840);
         EXPECT_TRUE(error->userInfo()["NSDebugDescription"].isString());
     }
-    // No strict prefix of a binary list reads as one: the trailer sits at the end.
-    const std::string bin = toBinary(*PropertyList::writeXML(everyKind()));
+    // No strict prefix of a binary list reads as one: the trailer sits at the end. Cut XML must not fault.
+    const std::string xml = *PropertyList::writeXML(everyKind()), bin = toBinary(xml);
     for (std::size_t n = 0; n < bin.size(); ++n) ASSERT_FALSE(PropertyList::parse(bin.substr(0, n))) << n;
-    const std::string xml = *PropertyList::writeXML(everyKind());
-    for (std::size_t n = 0; n < xml.size(); n += 7) PropertyList::parse(xml.substr(0, n));  // must not fault
+    for (std::size_t n = 0; n < xml.size(); n += 7) PropertyList::parse(xml.substr(0, n));
 }
 
-// libplist recurses per level and copies shared objects, so these would
-// exhaust the stack or memory if they reached it.
+// libplist recurses per level and copies shared objects, so these would exhaust the stack or memory if they reached it.
 TEST(PropertyList, BoundsNestingAndExpansion) {
-    struct Row {
-        const char* name;
-        std::string bytes;
-        bool accepted;
+    const std::tuple<const char*, std::string, bool> rows[] = {  // name, bytes, accepted
+        {"xml at the limit", nestedXML(512), true}, {"xml one deeper", nestedXML(513), false},
+        {"xml very deep", nestedXML(200000), false}, {"xml unclosed", repeat("<dict>", 200000), false},
+        {"closings in comments", repeat("<array><!--</array>-->", 100000), false},
+        {"comment that only looks closed", repeat("<array><!--></array>-->", 100000), false},
+        {"closings in CDATA", repeat("<array><![CDATA[</array>]]>", 100000), false},
+        {"self-closing look-alike", repeat("<array a=\"/>\">", 100000), false},
+        {"binary at the limit", chainOfArrays(512, 1), true}, {"binary one deeper", chainOfArrays(513, 1), false},
+        {"binary very deep", chainOfArrays(200000, 1), false}, {"binary cycle", chainOfArrays(3, 1, true), false},
+        {"binary shared 2^40 times", chainOfArrays(40, 2), false}, {"shared moderately", chainOfArrays(10, 2), true},
     };
-    const Row rows[] = {
-        {"xml at the limit", nestedXML(512), true},
-        {"xml one deeper", nestedXML(513), false},
-        {"xml very deep", nestedXML(200000), false},
-        {"xml unclosed", "<plist>" + repeat("<dict>", 200000), false},
-        {"closings hidden in comments", "<plist>" + repeat("<array><!--</array>-->", 100000), false},
-        {"comment that only looks closed", "<plist>" + repeat("<array><!--></array>-->", 100000), false},
-        {"closings hidden in CDATA", "<plist>" + repeat("<array><![CDATA[</array>]]>", 100000), false},
-        {"self-closing look-alike", "<plist>" + repeat("<array a=\"/>\">", 100000), false},
-        {"binary at the limit", chainOfArrays(512, 1), true},
-        {"binary one deeper", chainOfArrays(513, 1), false},
-        {"binary very deep", chainOfArrays(200000, 1), false},
-        {"binary shared 2^40 times", chainOfArrays(40, 2), false},
-        {"binary shared moderately", chainOfArrays(10, 2), true},
-        {"binary cycle", chainOfArrays(3, 1, true), false},
-    };
-    for (const auto& row : rows) {
+    for (const auto& [name, bytes, accepted] : rows) {
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(PropertyList::parse(row.bytes).has_value(), row.accepted) << row.name;
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << row.name;
+        EXPECT_EQ(PropertyList::parse(bytes).has_value(), accepted) << name;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << name;
     }
 }
 
-TEST(PropertyList, RefusesToWriteWhatItCannotRepresent) {
-    struct Row {
-        const char* name;
-        Value value;
-    };
-    Value tooDeep = Array{};
-    for (int i = 0; i < 512; ++i) tooDeep = Array{tooDeep};
-    const Row rows[] = {
-        {"nil", Value()},
-        {"null inside", Array{1, Null{}}},
-        {"object", Dictionary{{"e", Error::make("D", 1)}}},
-        {"NUL in a string", Array{std::string("a\0b", 3)}},
-        {"NUL in a key", Dictionary{{std::string("a\0b", 3), 1}}},
-        {"invalid UTF-8", Array{"\xFF"}},
-        {"year 10000", Array{Date{253402300800.0}}},
-        {"year 0", Array{Date{-62135596801.0}}},
-        {"NaN date", Array{Date{std::nan("")}}},
-        {"513 levels", tooDeep},
-    };
-    for (const auto& row : rows) {
-        std::shared_ptr<Error> error;
-        EXPECT_FALSE(PropertyList::writeXML(row.value, &error)) << row.name;
-        ASSERT_TRUE(error) << row.name;
-        EXPECT_EQ(error->code(), 3851) << row.name;
-    }
-}
-
-TEST(PropertyList, ReadsAndWritesFiles) {
+TEST(PropertyList, FilesRoundTripAndWritesRefuseWhatCannotBeRepresented) {
     TempFolder tmp;
-    for (bool atomically : {true, false}) {
-        const std::string path = tmp / (atomically ? "a.plist" : "b.plist");
-        ASSERT_TRUE(PropertyList::writeFile(path, everyKind(), atomically));
-        EXPECT_EQ(PropertyList::readFile(path), everyKind());
-    }
+    ASSERT_TRUE(PropertyList::writeFile(tmp / "a.plist", everyKind(), true));
+    EXPECT_EQ(PropertyList::readFile(tmp / "a.plist"), everyKind());
     std::shared_ptr<Error> error;
-    EXPECT_FALSE(PropertyList::writeFile(tmp / "c.plist", Array{Value()}, true, &error));
-    EXPECT_EQ(error->code(), 3851);
-    EXPECT_FALSE(FileManager::fileExistsAtPath(tmp / "c.plist"));
     EXPECT_FALSE(PropertyList::readFile(tmp / "missing.plist", &error));
     EXPECT_EQ(error->domain(), "NSPOSIXErrorDomain");
     EXPECT_EQ(error->code(), ENOENT);
+
+    Value tooDeep = Array{};
+    for (int i = 0; i < 512; ++i) tooDeep = Array{tooDeep};  // 513 levels
+    const Value rows[] = {Value(), Array{1, Null{}}, Dictionary{{"e", Error::make("D", 1)}},
+                          Array{std::string("a\0b", 3)}, Dictionary{{std::string("a\0b", 3), 1}}, Array{"\xFF"},
+                          Array{Date{253402300800.0}}, Array{Date{-62135596801.0}},  // years 10000 and 0
+                          Array{Date{std::nan("")}}, tooDeep};
+    for (const auto& row : rows) {
+        error.reset();
+        EXPECT_FALSE(PropertyList::writeXML(row, &error)) << row.description();
+        ASSERT_TRUE(error) << row.description();
+        EXPECT_EQ(error->code(), 3851) << row.description();
+    }
+    EXPECT_FALSE(PropertyList::writeFile(tmp / "c.plist", Array{Value()}, true, &error));
+    EXPECT_EQ(error->code(), 3851);
+    EXPECT_FALSE(FileManager::fileExistsAtPath(tmp / "c.plist"));
 }
 
 // A host that adopts a locale writing "0,5" must still read and write "0.5".
