@@ -2,29 +2,33 @@
 # Runs every benchmark program in BUILD_DIR/bench and prints a Markdown table in
 # which each library figure (KR_<case>) stands beside its baseline (BASE_<case>)
 # and any reference (REF_<case>) from the same run. The ratio is baseline time
-# divided by krcommon time: above 1 means krcommon is faster.
+# divided by krcommon time: above 1 means krcommon is faster. Each figure is
+# the median of BENCH_REPETITIONS runs (5 by default).
 set -euo pipefail
 build=${1:-build/bench}
 out=${2:-$build/benchmarks.json.d}
-min_time=${BENCH_MIN_TIME:-0.5}
+min_time=${BENCH_MIN_TIME:-0.3}
+repetitions=${BENCH_REPETITIONS:-5}
 mkdir -p "$out"
 for program in "$build"/bench/krcommon_bench_*; do
   [[ -x "$program" ]] || continue
   name=$(basename "$program")
   echo "== $name" >&2
-  "$program" --benchmark_min_time="$min_time" --benchmark_out="$out/$name.json" --benchmark_out_format=json >&2
+  "$program" --benchmark_min_time="$min_time" --benchmark_repetitions="$repetitions" \
+    --benchmark_report_aggregates_only=true --benchmark_out="$out/$name.json" --benchmark_out_format=json >&2
 done
 python3 - "$out" <<'PY'
 import json, pathlib, re, sys
 rows = {}
 for f in sorted(pathlib.Path(sys.argv[1]).glob("*.json")):
     for b in json.loads(f.read_text())["benchmarks"]:
-        if b.get("run_type") == "aggregate":
+        # The median of the repetitions: steadier than the mean on a shared machine.
+        if b.get("run_type") != "aggregate" or b.get("aggregate_name") != "median":
             continue
-        m = re.match(r"(KR|BASE|REF)_([^/]+)(.*)", b["name"])
+        m = re.match(r"(KR|BASE|REF)_([^/]+)(.*?)(_median)?$", b["name"])
         if not m:
             continue
-        kind, case, rest = m.groups()
+        kind, case, rest, _ = m.groups()
         rest = rest.replace("/real_time", "")
         rows.setdefault((f.stem, case + rest), {})[kind] = b
 def t(b):
