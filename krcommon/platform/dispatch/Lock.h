@@ -1,20 +1,18 @@
 #pragma once
 
-#include <krcommon/platform/core/Export.h>
-
 #include <mutex>
 #include <string>
 
 namespace krcommon::platform {
 
-/// A named, non-recursive mutex. The name only helps when debugging. It meets the
-/// standard's Lockable requirements, so std::lock_guard and std::unique_lock work with it.
-/// Locking it again on the thread that holds it, or unlocking it from another thread, is undefined.
-class KRCOMMON_EXPORT Lock {
+/// A named mutex. The name only helps when debugging. It meets the standard's
+/// Lockable requirements, so std::lock_guard and std::unique_lock work with it.
+template <class Mutex>
+class NamedLock {
 public:
-    explicit Lock(std::string name = {});
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
+    explicit NamedLock(std::string name = {}) : name_(std::move(name)) {}
+    NamedLock(const NamedLock&) = delete;
+    NamedLock& operator=(const NamedLock&) = delete;
 
     [[nodiscard]] const std::string& name() const noexcept { return name_; }
 
@@ -28,8 +26,16 @@ public:
     [[nodiscard]] bool try_lock() { return tryLock(); }
 
 private:
-    std::mutex mutex_;
+    Mutex mutex_;
     std::string name_;
 };
+
+/// A named, non-recursive lock. Locking it again on the thread that holds it,
+/// or unlocking it from another thread, is undefined.
+using Lock = NamedLock<std::mutex>;
+
+/// A named lock the holding thread may take again; it is released after as
+/// many unlocks as locks.
+using RecursiveLock = NamedLock<std::recursive_mutex>;
 
 }  // namespace krcommon::platform
