@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -103,6 +104,33 @@ TEST_F(MainQueueTest, RunUntilGivesUpAfterTheTimeout) {
     const auto elapsed = MainQueue::Clock::now() - start;
     EXPECT_GE(elapsed, 50ms);
     EXPECT_LT(elapsed, 3s);
+
+    // Made true by another thread without posting anything: noticed while idle.
+    std::atomic<bool> set{false};
+    std::thread setter([&] {
+        std::this_thread::sleep_for(20ms);
+        set = true;
+    });
+    EXPECT_TRUE(MainQueue::runUntil([&] { return set.load(); }, 10.0));
+    setter.join();
+}
+
+// A callback that throws or pumps the queue must not lose or reorder the others.
+TEST_F(MainQueueTest, ThrowingAndPumpingJobsKeepTheRestInOrder) {
+    std::string order;
+    MainQueue::async([&] { order += 'a'; });
+    MainQueue::async([] { throw std::runtime_error("boom"); });
+    MainQueue::async([&] {
+        order += 'b';
+        MainQueue::async([&] { order += 'd'; });
+        EXPECT_EQ(MainQueue::drain(), 2u);  // c, then d
+        order += 'e';
+    });
+    MainQueue::async([&] { order += 'c'; });
+    EXPECT_THROW(MainQueue::drain(), std::runtime_error);
+    EXPECT_EQ(order, "a");
+    EXPECT_EQ(MainQueue::drain(), 1u);
+    EXPECT_EQ(order, "abcde");
 }
 
 TEST_F(MainQueueTest, DispatcherReceivesEveryJobAndTheBuiltInQueueWorksAgainAfterwards) {
