@@ -113,17 +113,24 @@ double asReal(const FormatArg* a) {
 }
 
 // Hands one conversion with its flags, width and precision to fmt's printf.
+// Flags fmt does not know (the grouping "'") are left out; a combination it
+// still refuses prints the value with no flags rather than failing the line.
 template <class T>
 void appendWithSpec(fmt::memory_buffer& out, const Spec& spec, T value) {
     char buf[64];
     std::size_t n = 0;
     buf[n++] = '%';
     for (char f : spec.flags)
-        if (n < 8) buf[n++] = f;
+        if (n < 8 && f != '\'') buf[n++] = f;
     if (spec.hasWidth) n += static_cast<std::size_t>(std::snprintf(buf + n, 16, "%d", spec.width));
     if (spec.hasPrecision) n += static_cast<std::size_t>(std::snprintf(buf + n, 16, ".%d", spec.precision));
     buf[n++] = spec.conversion;
-    append(out, fmt::sprintf(std::string_view(buf, n), value));
+    try {
+        append(out, fmt::sprintf(std::string_view(buf, n), value));
+    } catch (const fmt::format_error&) {
+        const char plain[2] = {'%', spec.conversion};
+        append(out, fmt::sprintf(std::string_view(plain, 2), value));
+    }
 }
 
 bool plainSpec(const Spec& s) { return s.flags.empty() && !s.hasWidth && !s.hasPrecision; }
@@ -171,7 +178,7 @@ void vformatTo(fmt::memory_buffer& out, std::string_view fmt, std::span<const Fo
 
         Spec spec;
         const char* flagsStart = p;
-        while (p < end && std::strchr("-+ #0'", *p)) ++p;
+        while (p < end && *p != '\0' && std::strchr("-+ #0'", *p)) ++p;
         spec.flags = std::string_view(flagsStart, static_cast<std::size_t>(p - flagsStart));
         if (p < end && *p == '*') {
             ++p;
@@ -200,7 +207,7 @@ void vformatTo(fmt::memory_buffer& out, std::string_view fmt, std::span<const Fo
         }
         if (spec.width < 0 && spec.hasWidth) spec.width = 0;
         if (spec.precision < 0) spec.hasPrecision = false;
-        while (p < end && std::strchr("hlqLjzt", *p)) {
+        while (p < end && *p != '\0' && std::strchr("hlqLjzt", *p)) {
             if (*p == 'h') spec.length = spec.length == 'h' ? 'H' : 'h';
             else if (*p == 'L') spec.length = 'L';
             else spec.length = 'l';
