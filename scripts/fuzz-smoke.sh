@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs every fuzz target in BUILD_DIR for SECONDS each, starting from the
-# seed corpus in fuzz/corpus/<target> when there is one. Fails on the first crash.
+# Runs every fuzz target in BUILD_DIR for SECONDS each, with the
+# starting inputs in fuzz/corpus/<target> when there are some. Fails on the first crash.
 set -euo pipefail
 build=${1:-build/fuzz}
 seconds=${2:-30}

@@ -63,7 +63,7 @@ void appendObject(fmt::memory_buffer& out, const FormatArg* arg) {
     }
 }
 
-struct Spec {
+struct Conversion {
     std::string_view flags;
     int width = -1;
     int precision = -1;
@@ -116,24 +116,24 @@ double asReal(const FormatArg* a) {
 // Flags fmt does not know (the grouping "'") are left out; a combination it
 // still refuses prints the value with no flags rather than failing the line.
 template <class T>
-void appendWithSpec(fmt::memory_buffer& out, const Spec& spec, T value) {
+void appendWithFlags(fmt::memory_buffer& out, const Conversion& conv, T value) {
     char buf[64];
     std::size_t n = 0;
     buf[n++] = '%';
-    for (char f : spec.flags)
+    for (char f : conv.flags)
         if (n < 8 && f != '\'') buf[n++] = f;
-    if (spec.hasWidth) n += static_cast<std::size_t>(std::snprintf(buf + n, 16, "%d", spec.width));
-    if (spec.hasPrecision) n += static_cast<std::size_t>(std::snprintf(buf + n, 16, ".%d", spec.precision));
-    buf[n++] = spec.conversion;
+    if (conv.hasWidth) n += static_cast<std::size_t>(std::snprintf(buf + n, 16, "%d", conv.width));
+    if (conv.hasPrecision) n += static_cast<std::size_t>(std::snprintf(buf + n, 16, ".%d", conv.precision));
+    buf[n++] = conv.conversion;
     try {
         append(out, fmt::sprintf(std::string_view(buf, n), value));
     } catch (const fmt::format_error&) {
-        const char plain[2] = {'%', spec.conversion};
+        const char plain[2] = {'%', conv.conversion};
         append(out, fmt::sprintf(std::string_view(plain, 2), value));
     }
 }
 
-bool plainSpec(const Spec& s) { return s.flags.empty() && !s.hasWidth && !s.hasPrecision; }
+bool isPlain(const Conversion& s) { return s.flags.empty() && !s.hasWidth && !s.hasPrecision; }
 
 }  // namespace
 
@@ -176,91 +176,91 @@ void vformatTo(fmt::memory_buffer& out, std::string_view fmt, std::span<const Fo
             }
         }
 
-        Spec spec;
+        Conversion conv;
         const char* flagsStart = p;
         while (p < end && *p != '\0' && std::strchr("-+ #0'", *p)) ++p;
-        spec.flags = std::string_view(flagsStart, static_cast<std::size_t>(p - flagsStart));
+        conv.flags = std::string_view(flagsStart, static_cast<std::size_t>(p - flagsStart));
         if (p < end && *p == '*') {
             ++p;
-            spec.hasWidth = true;
-            spec.width = static_cast<int>(asSigned(take(0), 0));
+            conv.hasWidth = true;
+            conv.width = static_cast<int>(asSigned(take(0), 0));
         } else {
             while (p < end && *p >= '0' && *p <= '9') {
-                spec.hasWidth = true;
-                spec.width = (spec.width < 0 ? 0 : spec.width) * 10 + (*p++ - '0');
-                if (spec.width > 4096) spec.width = 4096;
+                conv.hasWidth = true;
+                conv.width = (conv.width < 0 ? 0 : conv.width) * 10 + (*p++ - '0');
+                if (conv.width > 4096) conv.width = 4096;
             }
         }
         if (p < end && *p == '.') {
             ++p;
-            spec.hasPrecision = true;
-            spec.precision = 0;
+            conv.hasPrecision = true;
+            conv.precision = 0;
             if (p < end && *p == '*') {
                 ++p;
-                spec.precision = static_cast<int>(asSigned(take(0), 0));
+                conv.precision = static_cast<int>(asSigned(take(0), 0));
             } else {
                 while (p < end && *p >= '0' && *p <= '9') {
-                    spec.precision = spec.precision * 10 + (*p++ - '0');
-                    if (spec.precision > 4096) spec.precision = 4096;
+                    conv.precision = conv.precision * 10 + (*p++ - '0');
+                    if (conv.precision > 4096) conv.precision = 4096;
                 }
             }
         }
-        if (spec.width < 0 && spec.hasWidth) spec.width = 0;
-        if (spec.precision < 0) spec.hasPrecision = false;
+        if (conv.width < 0 && conv.hasWidth) conv.width = 0;
+        if (conv.precision < 0) conv.hasPrecision = false;
         while (p < end && *p != '\0' && std::strchr("hlqLjzt", *p)) {
-            if (*p == 'h') spec.length = spec.length == 'h' ? 'H' : 'h';
-            else if (*p == 'L') spec.length = 'L';
-            else spec.length = 'l';
+            if (*p == 'h') conv.length = conv.length == 'h' ? 'H' : 'h';
+            else if (*p == 'L') conv.length = 'L';
+            else conv.length = 'l';
             ++p;
         }
         if (p >= end) break;  // an unfinished conversion prints nothing
-        spec.conversion = *p++;
+        conv.conversion = *p++;
 
-        switch (spec.conversion) {
+        switch (conv.conversion) {
             case '@': {
                 const FormatArg* a = take(position);
-                if (plainSpec(spec)) {
+                if (isPlain(conv)) {
                     appendObject(out, a);
                 } else {
                     fmt::memory_buffer text;
                     appendObject(text, a);
-                    spec.conversion = 's';
-                    appendWithSpec(out, spec, std::string_view(text.data(), text.size()));
+                    conv.conversion = 's';
+                    appendWithFlags(out, conv, std::string_view(text.data(), text.size()));
                 }
                 break;
             }
             case 's': {
                 const FormatArg* a = take(position);
-                if (plainSpec(spec)) {
+                if (isPlain(conv)) {
                     appendObject(out, a);
                 } else {
                     fmt::memory_buffer text;
                     appendObject(text, a);
-                    appendWithSpec(out, spec, std::string_view(text.data(), text.size()));
+                    appendWithFlags(out, conv, std::string_view(text.data(), text.size()));
                 }
                 break;
             }
             case 'd':
             case 'i': {
-                const auto v = asSigned(take(position), spec.length);
-                if (plainSpec(spec)) appendInteger(out, v);
-                else appendWithSpec(out, spec, static_cast<long long>(v));
+                const auto v = asSigned(take(position), conv.length);
+                if (isPlain(conv)) appendInteger(out, v);
+                else appendWithFlags(out, conv, static_cast<long long>(v));
                 break;
             }
             case 'u':
             case 'x':
             case 'X':
             case 'o': {
-                const auto v = asUnsigned(take(position), spec.length);
-                if (plainSpec(spec) && spec.conversion == 'u') appendInteger(out, v);
-                else appendWithSpec(out, spec, static_cast<unsigned long long>(v));
+                const auto v = asUnsigned(take(position), conv.length);
+                if (isPlain(conv) && conv.conversion == 'u') appendInteger(out, v);
+                else appendWithFlags(out, conv, static_cast<unsigned long long>(v));
                 break;
             }
             case 'c':
             case 'C': {
                 const auto v = asSigned(take(position), 0);
-                spec.conversion = 'c';
-                appendWithSpec(out, spec, static_cast<char>(v));
+                conv.conversion = 'c';
+                appendWithFlags(out, conv, static_cast<char>(v));
                 break;
             }
             case 'f':
@@ -270,7 +270,7 @@ void vformatTo(fmt::memory_buffer& out, std::string_view fmt, std::span<const Fo
             case 'g':
             case 'G':
             case 'a':
-            case 'A': appendWithSpec(out, spec, asReal(take(position))); break;
+            case 'A': appendWithFlags(out, conv, asReal(take(position))); break;
             case 'p': {
                 const FormatArg* a = take(position);
                 const void* ptr = nullptr;
@@ -284,7 +284,7 @@ void vformatTo(fmt::memory_buffer& out, std::string_view fmt, std::span<const Fo
             default:
                 // Not a conversion this printf knows: keep the text as written.
                 out.push_back('%');
-                out.push_back(spec.conversion);
+                out.push_back(conv.conversion);
                 break;
         }
     }
