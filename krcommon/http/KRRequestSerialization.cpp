@@ -13,39 +13,12 @@ namespace krcommon {
 namespace detail {
 
 namespace {
-
-constexpr PercentEncodeSet makeSet(std::string_view members) {
-    PercentEncodeSet set{};
-    for (int b = 0x80; b < 256; ++b) set.member[b] = true;
-    for (char c : members) set.member[static_cast<unsigned char>(c)] = true;
-    return set;
-}
-
-constexpr PercentEncodeSet kValueReserved = makeSet("$&+,/:;=?@ ");
-constexpr PercentEncodeSet kURLUnsafe = makeSet("`#%^{}\"[]|\\<> ");
-
+constexpr auto kValueReserved = platform::PercentEncodeSet::of("$&+,/:;=?@ ");
+constexpr auto kURLUnsafe = platform::PercentEncodeSet::of("`#%^{}\"[]|\\<> ");
 }  // namespace
 
-const PercentEncodeSet& valueReservedSet() noexcept { return kValueReserved; }
-const PercentEncodeSet& urlUnsafeSet() noexcept { return kURLUnsafe; }
-
-void appendPercentEncoded(std::string& out, std::string_view text, const PercentEncodeSet& set) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    const char* p = text.data();
-    const char* const end = p + text.size();
-    while (p < end) {
-        // Copy the longest run of bytes that stay as they are in one go.
-        const char* run = p;
-        while (run < end && !set.member[static_cast<unsigned char>(*run)]) ++run;
-        out.append(p, run);
-        p = run;
-        while (p < end && set.member[static_cast<unsigned char>(*p)]) {
-            const auto b = static_cast<unsigned char>(*p++);
-            const char escaped[3] = {'%', hex[b >> 4], hex[b & 0xF]};
-            out.append(escaped, 3);
-        }
-    }
-}
+const platform::PercentEncodeSet& valueReservedSet() noexcept { return kValueReserved; }
+const platform::PercentEncodeSet& urlUnsafeSet() noexcept { return kURLUnsafe; }
 
 }  // namespace detail
 
@@ -53,7 +26,7 @@ std::optional<std::string> KRParamsEncdoe(std::optional<std::string_view> value)
     if (!value || !platform::UTF8::isValid(*value)) return std::nullopt;
     std::string out;
     out.reserve(value->size() + value->size() / 4);
-    detail::appendPercentEncoded(out, *value, detail::valueReservedSet());
+    platform::appendPercentEncoded(out, *value, detail::valueReservedSet());
     return out;
 }
 
@@ -81,7 +54,7 @@ std::optional<std::string> KRQueryStringFromParameters(const platform::Dictionar
         query.push_back('=');
         const std::string& value = *entry->second.string();
         if (platform::UTF8::isValid(value)) {
-            detail::appendPercentEncoded(query, value, detail::valueReservedSet());
+            platform::appendPercentEncoded(query, value, detail::valueReservedSet());
         } else {
             query.append(value);  // what cannot be encoded goes as it is
         }

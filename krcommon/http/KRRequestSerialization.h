@@ -5,6 +5,7 @@
 // modules call these directly.
 
 #include <krcommon/platform/core/Value.h>
+#include <krcommon/platform/net/PercentEncoding.h>
 
 #include <optional>
 #include <string>
@@ -35,19 +36,10 @@ KRCOMMON_EXPORT std::optional<std::string> KRJsonFromParameters(const platform::
 
 namespace detail {
 
-/// A set of bytes to percent-encode; bytes of 0x80 and above are always encoded.
-struct PercentEncodeSet {
-    bool member[256];
-};
-
 /// The 11 characters a query value must not carry raw: "$&+,/:;=?@ ".
-KRCOMMON_EXPORT const PercentEncodeSet& valueReservedSet() noexcept;
+KRCOMMON_EXPORT const platform::PercentEncodeSet& valueReservedSet() noexcept;
 /// The 14 characters a URL must not carry raw: "`#%^{}\"[]|\\<> ".
-KRCOMMON_EXPORT const PercentEncodeSet& urlUnsafeSet() noexcept;
-
-/// Appends `text` to `out` with every member of `set` and every non-ASCII byte
-/// written as "%XX".
-KRCOMMON_EXPORT void appendPercentEncoded(std::string& out, std::string_view text, const PercentEncodeSet& set);
+KRCOMMON_EXPORT const platform::PercentEncodeSet& urlUnsafeSet() noexcept;
 
 }  // namespace detail
 

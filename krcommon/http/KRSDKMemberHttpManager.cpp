@@ -83,7 +83,7 @@ URLRequest KRSDKMemberHttpManager::requestWithMethod(std::optional<std::string_v
                 // what a URL cannot carry, the escapes already made included.
                 std::string repaired;
                 repaired.reserve(text.size() + text.size() / 2);
-                detail::appendPercentEncoded(repaired, text, detail::urlUnsafeSet());
+                platform::appendPercentEncoded(repaired, text, detail::urlUnsafeSet());
                 request.setURL(URL::URLWithString(repaired));
                 KRSDK_LOG("Common", 1, "mutable rqeust after deal url is:%@", request.URL());
             }

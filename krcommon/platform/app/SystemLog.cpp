@@ -1,5 +1,7 @@
 #include <krcommon/platform/app/SystemLog.h>
 
+#include <krcommon/platform/io/PosixIO.h>
+
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -17,19 +19,6 @@ extern char* program_invocation_short_name;  // glibc
 namespace krcommon::platform {
 
 namespace {
-
-// Writes all of `bytes`, retrying on EINTR and short writes.
-void writeFully(int fd, const char* bytes, std::size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, bytes, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return;  // nowhere left to report a failing log
-        }
-        bytes += n;
-        size -= static_cast<std::size_t>(n);
-    }
-}
 
 struct SinkSlot {
     std::shared_mutex mutex;
@@ -69,7 +58,7 @@ void StderrLogSink::write(std::string_view line) {
                    program_invocation_short_name, static_cast<long>(::getpid()), tid);
     out.append(line.data(), line.data() + line.size());
     out.push_back('\n');
-    writeFully(fd_, out.data(), out.size());
+    (void)posix::writeFully(fd_, std::string_view(out.data(), out.size()));  // nowhere left to report a failing log
 }
 
 FileLogSink::FileLogSink(const std::string& path)
@@ -86,12 +75,12 @@ void FileLogSink::write(std::string_view line) {
     if (line.size() < sizeof stackLine) {
         std::memcpy(stackLine, line.data(), line.size());
         stackLine[line.size()] = '\n';
-        writeFully(fd_, stackLine, line.size() + 1);
+        (void)posix::writeFully(fd_, std::string_view(stackLine, line.size() + 1));
     } else {
         std::string copy;
         copy.reserve(line.size() + 1);
         copy.append(line).push_back('\n');
-        writeFully(fd_, copy.data(), copy.size());
+        (void)posix::writeFully(fd_, copy);
     }
 }
 

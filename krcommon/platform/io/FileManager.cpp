@@ -1,5 +1,7 @@
 #include <krcommon/platform/io/FileManager.h>
 
+#include <krcommon/platform/io/PosixIO.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,22 +35,6 @@ int openRetrying(const char* path, int flags, mode_t mode = 0) {
         fd = ::open(path, flags | O_CLOEXEC, mode);
     } while (fd < 0 && errno == EINTR);
     return fd;
-}
-
-// Writes all of `bytes`; answers 0 or the errno of the failure.
-int writeFully(int fd, std::string_view bytes) {
-    const char* p = bytes.data();
-    std::size_t left = bytes.size();
-    while (left > 0) {
-        const ssize_t n = ::write(fd, p, left);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        p += n;
-        left -= static_cast<std::size_t>(n);
-    }
-    return 0;
 }
 
 // close() that answers 0 or its errno. EINTR still means the descriptor is gone on Linux.
@@ -86,7 +72,7 @@ std::string temporarySibling(const std::string& folder, std::string_view base) {
 bool writeInPlace(const std::string& path, std::string_view bytes, std::shared_ptr<Error>* error) {
     const int fd = openRetrying(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (fd < 0) return fail(error, errno, path, "write");
-    int code = writeFully(fd, bytes);
+    int code = posix::writeFully(fd, bytes);
     const int closed = closeChecked(fd);
     if (code == 0) code = closed;
     return code == 0 || fail(error, code, path, "write");
@@ -204,7 +190,7 @@ bool FileManager::writeAtomically(const std::string& path, std::string_view byte
     }
     if (fd < 0) return fail(error, EEXIST, path, action);
 
-    int code = writeFully(fd, bytes);
+    int code = posix::writeFully(fd, bytes);
     if (code == 0 && ::fsync(fd) != 0) code = errno;
     const int closed = closeChecked(fd);
     if (code == 0) code = closed;

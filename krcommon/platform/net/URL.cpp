@@ -1,5 +1,7 @@
 #include <krcommon/platform/net/URL.h>
 
+#include <krcommon/platform/net/PercentEncoding.h>
+
 #include <array>
 #include <cstdint>
 #include <system_error>
@@ -137,20 +139,13 @@ bool validIPLiteral(std::string_view inner) noexcept {
     return validIPv6(inner);
 }
 
-// Appends `text` with every byte outside the path characters (and "/") as %XX.
-void appendPathEncoded(std::string& out, std::string_view text) {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    for (char c : text) {
-        if (is(c, kUnreserved | kSubDelim | kPathExtra) || c == '/') {
-            out.push_back(c);
-        } else {
-            const auto b = static_cast<unsigned char>(c);
-            out.push_back('%');
-            out.push_back(kDigits[b >> 4]);
-            out.push_back(kDigits[b & 0xF]);
-        }
-    }
-}
+// Every byte a path may not carry raw: all but unreserved, sub-delims, ":", "@" and "/".
+constexpr PercentEncodeSet kPathEncodeSet = [] {
+    PercentEncodeSet set{};
+    for (int c = 0; c < 256; ++c)
+        set.member[c] = !((kClasses[c] & (kUnreserved | kSubDelim | kPathExtra)) != 0 || c == '/');
+    return set;
+}();
 
 }  // namespace
 
@@ -172,7 +167,7 @@ std::shared_ptr<URL> URL::fileURLWithPath(const std::filesystem::path& path) {
     const std::string& native = absolute.native();
     std::string text = "file://";
     text.reserve(text.size() + native.size() + 1);
-    appendPathEncoded(text, native);
+    appendPercentEncoded(text, native, kPathEncodeSet);
     if (!native.ends_with('/') && std::filesystem::is_directory(absolute, ec)) text.push_back('/');
     return URLWithString(text);
 }
@@ -342,7 +337,7 @@ std::shared_ptr<URL> URL::URLByAppendingPathComponent(std::string_view component
     text.append(text_, 0, pathEnd);
     const bool needsSlash = path_.len == 0 ? host_.present() : text_[pathEnd - 1] != '/';
     if (needsSlash) text.push_back('/');
-    appendPathEncoded(text, component);
+    appendPercentEncoded(text, component, kPathEncodeSet);
     text.append(text_, pathEnd, std::string::npos);
 
     auto url = URLWithString(text);
