@@ -3,12 +3,21 @@
 #include <krcommon/errors/KRSDKLogger.h>
 #include <krcommon/http/KRRequestSerialization.h>
 #include <krcommon/platform/app/SystemLog.h>
+#include <krcommon/platform/dispatch/MainQueue.h>
+#include <krcommon/http/KRSDKResponseHandler.h>
 #include <krcommon/platform/core/Exception.h>
+#include <krcommon/platform/io/JSONSerialization.h>
+#include <krcommon/platform/io/PropertyList.h>
+#include <krcommon/platform/io/SearchPaths.h>
+#include <krcommon/platform/io/UTF8.h>
 #include <krcommon/platform/net/URL.h>
+
+#include <openssl/rand.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <random>
 
 namespace krcommon {
 
@@ -51,8 +60,305 @@ std::shared_ptr<KRSDKMemberHttpManager> KRSDKMemberHttpManager::create() {
     return std::make_shared<KRSDKMemberHttpManager>();
 }
 
-KRSDKMemberHttpManager::KRSDKMemberHttpManager() = default;
+KRSDKMemberHttpManager::KRSDKMemberHttpManager()
+    : sessionConfiguration_(platform::URLSessionConfiguration::ephemeralSessionConfiguration()),
+      operationQueue_(std::make_shared<platform::OperationQueue>(1, "com.krmembersdk.http.manager.delegate")) {}
+
 KRSDKMemberHttpManager::~KRSDKMemberHttpManager() = default;
+
+std::shared_ptr<platform::URLSession> KRSDKMemberHttpManager::session() {
+    std::call_once(sessionOnce_, [this] {
+        std::weak_ptr<platform::URLSessionDelegate> delegate =
+            std::static_pointer_cast<platform::URLSessionDelegate>(shared_from_this());
+        session_ = platform::URLSession::sessionWithConfiguration(sessionConfiguration_, std::move(delegate),
+                                                                  operationQueue_);
+    });
+    return session_;
+}
+
+// ---------------------------------------------------------------- requests
+
+namespace {
+
+// Normalises a URL string: parsed on its own and written back, or absent.
+std::optional<std::string> normalisedURLString(std::optional<std::string_view> text) {
+    if (!text) return std::nullopt;
+    auto url = URL::URLWithString(*text);
+    if (!url) return std::nullopt;
+    return url->absoluteString();
+}
+
+std::optional<std::string> headerText(const Value& value) {
+    if (value.isNil()) return std::nullopt;
+    if (const auto* text = value.string()) return *text;
+    return value.description();
+}
+
+}  // namespace
+
+std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::GET(
+    std::optional<std::string_view> URLString, const Value& headerParam, const Value& parameters,
+    std::optional<std::string> responseType, Success success, Failure failure) {
+    const auto normalised = normalisedURLString(URLString);
+    std::shared_ptr<platform::Error> error;
+    URLRequest request = requestWithMethod("GET", normalised, parameters, false, &error);
+    request.setTimeoutInterval(requestTimeoutInterval);
+    if (const auto* headers = headerParam.dictionary()) {
+        for (const auto& [field, value] : *headers) {
+            if (!request.valueForHTTPHeaderField(field)) request.setValue(headerText(value), field);
+        }
+    }
+    if (error) {
+        if (failure) platform::MainQueue::async([failure, error] { failure(nullptr, Value(), error); });
+        return nullptr;
+    }
+    return start(request, std::optional<std::optional<std::string>>(std::move(responseType)), true,
+                 std::move(success), std::move(failure));
+}
+
+std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::POST(
+    std::optional<std::string_view> URLString, const Value& headerParam, const Value& parameters,
+    std::optional<std::string> responseType, bool isFormatParam, Success success, Failure failure) {
+    const auto normalised = normalisedURLString(URLString);
+    std::shared_ptr<platform::Error> error;
+    URLRequest request = requestWithMethod("POST", normalised, parameters, isFormatParam, &error);
+    request.setTimeoutInterval(requestTimeoutInterval);
+    if (const auto* headers = headerParam.dictionary()) {
+        for (const auto& [field, value] : *headers) request.setValue(headerText(value), field);
+    }
+    if (error) {
+        if (failure) platform::MainQueue::async([failure, error] { failure(nullptr, Value(), error); });
+        return nullptr;
+    }
+    std::optional<std::optional<std::string>> type;
+    if (responseType) type.emplace(std::move(responseType));
+    return start(request, std::move(type), false, std::move(success), std::move(failure));
+}
+
+std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::uploadData(
+    std::optional<std::string_view> URLString, const Value& parameters, std::optional<platform::Data> postData,
+    const std::string& dataKey, Success success, Failure failure) {
+    const auto normalised = normalisedURLString(URLString);
+    std::shared_ptr<platform::Error> error;
+    URLRequest request = postUploadData(normalised, parameters, postData, dataKey, &error);
+    if (error) {
+        if (failure) platform::MainQueue::async([failure, error] { failure(nullptr, Value(), error); });
+        return nullptr;
+    }
+    return start(request, std::nullopt, false, std::move(success), std::move(failure));
+}
+
+std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::start(
+    const URLRequest& request, std::optional<std::optional<std::string>> responseType, bool callUnchecked,
+    Success success, Failure failure) {
+    auto task = session()->dataTaskWithRequest(request);
+    auto handler = std::make_shared<KRSDKResponseHandler>();
+    if (responseType) handler->setRespType(std::move(*responseType));
+
+    // The completion owns the callbacks, the manager and the task until it has run.
+    std::weak_ptr<platform::URLSessionDataTask> weakTask = task;
+    handler->setCompletionHandler(
+        [self = shared_from_this(), task, callUnchecked, success = std::move(success), failure = std::move(failure)](
+            const std::shared_ptr<platform::URLResponse>&, const Value& responseObject,
+            const std::shared_ptr<platform::Error>& error) {
+            if (error) {
+                if (callUnchecked || failure) failure(task, responseObject, error);
+            } else {
+                if (callUnchecked || success) success(task, responseObject);
+            }
+            std::lock_guard guard(self->lock_);
+            self->mutableTaskHandlerByTaskIdentifier_.erase(task->taskIdentifier());
+        });
+    {
+        std::lock_guard guard(lock_);
+        mutableTaskHandlerByTaskIdentifier_[task->taskIdentifier()] = handler;
+    }
+    task->resume();
+    return task;
+}
+
+// ---------------------------------------------------------------- multipart bodies
+
+std::string KRSDKMemberHttpManager::AFCreateMultipartFormBoundary() {
+    std::uint32_t words[2];
+    if (RAND_bytes(reinterpret_cast<unsigned char*>(words), sizeof words) != 1) {
+        static thread_local std::mt19937 fallback{std::random_device{}()};
+        words[0] = fallback();
+        words[1] = fallback();
+    }
+    return platform::format("-----Boundary%08X%08X", words[0], words[1]);
+}
+
+platform::Data KRSDKMemberHttpManager::createBodyWithBoundary(std::string_view boundary, const Value& parameters,
+                                                              const std::optional<platform::Data>& data,
+                                                              std::string_view fieldName) {
+    fmt::memory_buffer out;
+    if (const auto* fields = parameters.dictionary()) {
+        for (const auto& [name, value] : *fields) {
+            platform::formatTo(out, "--%@\r\n", boundary);
+            platform::formatTo(out, "Content-Disposition: form-data; name=\"%@\"\r\n\r\n", name);
+            platform::formatTo(out, "%@\r\n", value);
+        }
+    }
+    if (data) {
+        platform::formatTo(out, "--%@\r\n", boundary);
+        platform::formatTo(out, "Content-Disposition: form-data; name=\"%@\"; filename=\"%@\"\r\n", fieldName,
+                           fieldName);
+        platform::formatTo(out, "Content-Type: %@\r\n\r\n", fieldName);
+        out.append(reinterpret_cast<const char*>(data->data()), reinterpret_cast<const char*>(data->data()) + data->size());
+        out.append(std::string_view("\r\n"));
+    }
+    platform::formatTo(out, "--%@--\r\n", boundary);
+    return platform::Data(reinterpret_cast<const std::uint8_t*>(out.data()),
+                          reinterpret_cast<const std::uint8_t*>(out.data()) + out.size());
+}
+
+URLRequest KRSDKMemberHttpManager::postUploadData(std::optional<std::string_view> URLString, const Value& parameters,
+                                                  const std::optional<platform::Data>& postData,
+                                                  const std::string& postKey, std::shared_ptr<platform::Error>*) {
+    if (!URLString) failPrecondition("URLString", __func__, __LINE__);
+    auto url = URL::URLWithString(*URLString);
+    if (!url) failPrecondition("url", __func__, __LINE__);
+
+    URLRequest request(std::move(url));
+    request.setHTTPMethod("POST");
+    const std::string boundary = AFCreateMultipartFormBoundary();
+    request.setValue(platform::format("multipart/form-data; boundary=%@", boundary), "Content-Type");
+    platform::Data body = createBodyWithBoundary(boundary, parameters, postData, postKey);
+    request.setValue(platform::format("%lu", static_cast<unsigned long>(body.size())), "Content-Length");
+    const std::string_view text(reinterpret_cast<const char*>(body.data()), body.size());
+    KRSDK_LOG("Common", 2, "httpBody is:%@", platform::UTF8::isValid(text) ? Value(text) : Value());
+    request.setHTTPBody(std::move(body));
+    return request;
+}
+
+// ---------------------------------------------------------------- server trust
+
+std::string KRSDKMemberHttpManager::plistFilePath() {
+    const std::string folder = platform::SearchPaths::libraryDirectory() + "/kr_sdks_kvstorage";
+    return platform::format("%@/%@.plist", folder, "krmemberproperty");
+}
+
+bool KRSDKMemberHttpManager::isHostInTheWhiteList(std::optional<std::string_view> host) {
+    if (!host || host->empty()) return false;
+    const auto root = platform::PropertyList::readFile(plistFilePath());
+    const platform::Dictionary* lists = root ? root->dictionary() : nullptr;
+    if (!lists) {
+        KRSDK_LOG("Common", 2, "portal infodic is nil");
+        return false;
+    }
+    for (const char* key : {"loginSrvIpList", "portalSrvIpList"}) {
+        const Value& value = (*lists)[key];
+        const std::string* text = value.string();
+        if (value.isNil() || (text && text->empty())) {
+            KRSDK_LOG("Common", 2, "portal loginSrvIpList or portalSrvIpList string is nil");
+            continue;
+        }
+        if (!text) continue;  // not text: nothing in it can match
+        const auto list = platform::JSONSerialization::parse(*text);
+        const platform::Array* entries = list ? list->array() : nullptr;
+        if (!entries) continue;
+        for (const Value& entry : *entries) {
+            const auto* type = entry["type"].string();
+            const auto* ip = entry["ip"].string();
+            if (type && ip && *type == "https" && *ip == *host) return true;
+        }
+    }
+    return false;
+}
+
+void KRSDKMemberHttpManager::didReceiveChallenge(const std::shared_ptr<platform::URLSession>&,
+                                                 const std::shared_ptr<platform::URLAuthenticationChallenge>& challenge,
+                                                 platform::URLSessionChallengeCompletion completion) {
+    using Disposition = platform::URLSessionAuthChallengeDisposition;
+    const auto& space = challenge ? challenge->protectionSpace() : nullptr;
+    const auto trust = space ? space->serverTrust() : nullptr;
+    auto disposition = Disposition::CancelAuthenticationChallenge;
+    std::shared_ptr<platform::URLCredential> credential;
+
+    const platform::TrustEvaluation evaluation =
+        trust ? trust->evaluate() : platform::TrustEvaluation{-1, platform::TrustResultType::Invalid};
+    if (evaluation.status == 0 && (evaluation.result == platform::TrustResultType::Proceed ||
+                                   evaluation.result == platform::TrustResultType::Unspecified)) {
+        credential = platform::URLCredential::credentialForTrust(trust);
+        disposition = Disposition::UseCredential;
+        KRSDK_LOG("Common", 1, "Secure Trust Evaluate succ .....  ");
+    } else {
+        const std::optional<std::string> host = space ? std::optional<std::string>(space->host()) : std::nullopt;
+        KRSDK_LOG("Common", 2, "ip host is:%@", host);
+        if (isHostInTheWhiteList(host)) {
+            credential = platform::URLCredential::credentialForTrust(trust);
+            disposition = Disposition::UseCredential;
+        } else {
+            KRSDK_LOG("Common", 2, "Secure Trust Evaluate fail the https CA is invalid  .....  ");
+        }
+    }
+    if (completion) completion(disposition, credential);
+}
+
+// ---------------------------------------------------------------- delegate forwarding
+
+std::shared_ptr<platform::Object> KRSDKMemberHttpManager::handlerFor(std::uint64_t identifier) const {
+    std::lock_guard guard(lock_);
+    const auto found = mutableTaskHandlerByTaskIdentifier_.find(identifier);
+    return found == mutableTaskHandlerByTaskIdentifier_.end() ? nullptr : found->second;
+}
+
+KRSDKMemberHttpManager::TaskHandlerTable KRSDKMemberHttpManager::mutableTaskHandlerByTaskIdentifier() const {
+    std::lock_guard guard(lock_);
+    return mutableTaskHandlerByTaskIdentifier_;
+}
+
+void KRSDKMemberHttpManager::setMutableTaskHandlerByTaskIdentifier(TaskHandlerTable table) {
+    std::lock_guard guard(lock_);
+    mutableTaskHandlerByTaskIdentifier_ = std::move(table);
+}
+
+void KRSDKMemberHttpManager::didCompleteWithError(const std::shared_ptr<platform::URLSession>& session,
+                                                  const std::shared_ptr<platform::URLSessionTask>& task,
+                                                  const std::shared_ptr<platform::Error>& error) {
+    auto handler = task ? handlerFor(task->taskIdentifier()) : nullptr;
+    if (auto* receiver = dynamic_cast<platform::URLSessionTaskCompletionDelegate*>(handler.get())) {
+        receiver->didCompleteWithError(session, task, error);
+    }
+}
+
+void KRSDKMemberHttpManager::didReceiveResponse(const std::shared_ptr<platform::URLSession>&,
+                                                const std::shared_ptr<platform::URLSessionDataTask>&,
+                                                const std::shared_ptr<platform::URLResponse>&,
+                                                platform::URLSessionResponseCompletion completion) {
+    if (completion) completion(platform::URLSessionResponseDisposition::Allow);
+}
+
+void KRSDKMemberHttpManager::didBecomeDownloadTask(const std::shared_ptr<platform::URLSession>& session,
+                                                   const std::shared_ptr<platform::URLSessionDataTask>& dataTask,
+                                                   const std::shared_ptr<platform::URLSessionDownloadTask>& downloadTask) {
+    auto handler = dataTask ? handlerFor(dataTask->taskIdentifier()) : nullptr;
+    if (auto* receiver = dynamic_cast<platform::URLSessionDataBecomeDownloadDelegate*>(handler.get())) {
+        receiver->didBecomeDownloadTask(session, dataTask, downloadTask);
+    }
+}
+
+void KRSDKMemberHttpManager::didReceiveData(const std::shared_ptr<platform::URLSession>& session,
+                                            const std::shared_ptr<platform::URLSessionDataTask>& dataTask,
+                                            std::optional<std::span<const std::uint8_t>> data) {
+    auto handler = dataTask ? handlerFor(dataTask->taskIdentifier()) : nullptr;
+    if (auto* receiver = dynamic_cast<platform::URLSessionDataReceiveDelegate*>(handler.get())) {
+        receiver->didReceiveData(session, dataTask, data);
+    }
+}
+
+void KRSDKMemberHttpManager::didFinishDownloadingToURL(
+    const std::shared_ptr<platform::URLSession>& session,
+    const std::shared_ptr<platform::URLSessionDownloadTask>& downloadTask,
+    const std::shared_ptr<platform::URL>& location) {
+    auto handler = downloadTask ? handlerFor(downloadTask->taskIdentifier()) : nullptr;
+    // The test is for data events, the call for the download: kept as the SDK has it.
+    if (dynamic_cast<platform::URLSessionDataReceiveDelegate*>(handler.get()) == nullptr) return;
+    if (auto* receiver = dynamic_cast<platform::URLSessionDownloadFinishDelegate*>(handler.get())) {
+        receiver->didFinishDownloadingToURL(session, downloadTask, location);
+    }
+}
 
 URLRequest KRSDKMemberHttpManager::requestWithMethod(std::optional<std::string_view> method,
                                                      std::optional<std::string_view> URLString,

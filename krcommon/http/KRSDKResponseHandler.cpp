@@ -1,0 +1,175 @@
+#include <krcommon/http/KRSDKResponseHandler.h>
+
+#include <krcommon/errors/KRSDKLogger.h>
+#include <krcommon/platform/app/NotificationCenter.h>
+#include <krcommon/platform/dispatch/MainQueue.h>
+#include <krcommon/platform/io/FileManager.h>
+#include <krcommon/platform/io/JSONSerialization.h>
+#include <krcommon/platform/io/UTF8.h>
+
+namespace krcommon {
+
+using platform::Data;
+using platform::Dictionary;
+using platform::Error;
+using platform::Value;
+
+namespace {
+
+std::string_view asText(const Data& data) noexcept {
+    return {reinterpret_cast<const char*>(data.data()), data.size()};
+}
+
+// The body as UTF-8 text, or nil when it is not valid UTF-8.
+Value textOf(const Data& data) {
+    const auto text = asText(data);
+    return platform::UTF8::isValid(text) ? Value(text) : Value();
+}
+
+bool equalsIgnoringCase(std::string_view text, std::string_view lower) noexcept {
+    if (text.size() != lower.size()) return false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c != lower[i]) return false;
+    }
+    return true;
+}
+
+Dictionary errorUserInfo(const std::shared_ptr<platform::URLResponse>& response) {
+    Dictionary info;
+    info.set("URL", Value(response ? response->URL() : nullptr));
+    info.set("errorResponse", Value(response));
+    return info;
+}
+
+}  // namespace
+
+KRSDKResponseHandler::KRSDKResponseHandler()
+    : mutableData_(Data()), acceptableStatusCodes_(platform::IndexSet::indexSetWithIndexesInRange(200, 100)) {}
+
+KRSDKResponseHandler::~KRSDKResponseHandler() = default;
+
+bool KRSDKResponseHandler::validateResponse(const std::shared_ptr<platform::URLResponse>& response,
+                                            const Data& /*data*/, std::shared_ptr<Error>* error) {
+    const auto http = std::dynamic_pointer_cast<platform::HTTPURLResponse>(response);
+    if (!http) return true;
+    if (acceptableStatusCodes_ && !acceptableStatusCodes_->containsIndex(http->statusCode()) && http->URL()) {
+        if (error) *error = Error::make(KRSDKResponseHttpCodeError, http->statusCode(), errorUserInfo(response));
+        return false;
+    }
+    return true;
+}
+
+Value KRSDKResponseHandler::dictionaryWithJsonString(std::optional<std::string_view> text) {
+    if (!text) return {};
+    auto parsed = platform::JSONSerialization::parse(*text);
+    return parsed ? std::move(*parsed) : Value();
+}
+
+Value KRSDKResponseHandler::responseObjectForResponse(const std::shared_ptr<platform::URLSessionTask>& task,
+                                                      const Data& data, std::shared_ptr<Error>& error) {
+    return responseObjectForURLResponse(task ? task->response() : nullptr, data, error);
+}
+
+Value KRSDKResponseHandler::responseObjectForURLResponse(const std::shared_ptr<platform::URLResponse>& response,
+                                                         const Data& data, std::shared_ptr<Error>& error) {
+    bool exempt = false;
+    if (!isImage()) {
+        const Value text = textOf(data);
+        KRSDK_LOG("Common", 1, "http received :%@", text);
+        const Value body = dictionaryWithJsonString(text.string() ? std::optional<std::string_view>(*text.string())
+                                                                   : std::nullopt);
+        if (const auto* map = body.dictionary()) {
+            if (const auto* code = (*map)["error"].string()) {
+                if (map->contains("error") && !map->contains("errorCode")) exempt = true;
+                if (equalsIgnoringCase(*code, "invalid_grant")) {
+                    platform::MainQueue::async([] {
+                        platform::NotificationCenter::defaultCenter().postNotificationName(
+                            SDK_INVALID_GRANT_NOTIFICATION_NAME, Value(), Dictionary{{"error", "invalid_grant"}});
+                    });
+                }
+            }
+        }
+    }
+
+    if (!validateResponse(response, data, &error) && !exempt) return {};
+
+    Value object;
+    std::shared_ptr<Error> parserError;
+    if (data.empty() || (data.size() == 1 && data[0] == 0x20)) {
+        error = Error::make(KRSDKResponseDataIsNull, 600, errorUserInfo(response));
+    } else {
+        if (!respType_ || *respType_ == "json") {
+            if (auto parsed = platform::JSONSerialization::parse(data, &parserError)) object = std::move(*parsed);
+        } else if (*respType_ == "image") {
+            object = Value(data);
+        } else if (*respType_ == "string") {
+            object = textOf(data);
+        }
+        if (object.isNil()) {
+            object = textOf(data);
+            if (object.isNil()) object = Value(data);
+            error = Error::make(KRSDKResponseDataFromatError, 600, errorUserInfo(response));
+        }
+    }
+    if (error) {
+        // The error handed out carries the JSON parser's error, when there was one.
+        Dictionary info = error->userInfo();
+        if (parserError) info.set(NSUnderlyingErrorKey, Value(parserError));
+        error = Error::make(error->domain(), error->code(), std::move(info));
+    }
+    return object;
+}
+
+void KRSDKResponseHandler::didCompleteWithError(const std::shared_ptr<platform::URLSession>& session,
+                                                const std::shared_ptr<platform::URLSessionTask>& task,
+                                                const std::shared_ptr<Error>& transportError) {
+    Data body;
+    if (mutableData_) {
+        body = std::move(*mutableData_);
+        mutableData_.reset();
+    }
+    auto self = shared_from_this();
+    if (transportError) {
+        platform::MainQueue::async([self, task, transportError] {
+            if (auto completion = self->completionHandler_) completion(task->response(), Value(), transportError);
+        });
+        return;
+    }
+    std::shared_ptr<Error> error;
+    Value object = responseObjectForResponse(task, body, error);
+    if (isImage()) {
+        Dictionary picture;
+        picture.set("data", object.isNil() ? Value("") : std::move(object));
+        picture.set("cookie", Value(session ? session->configuration().HTTPCookieStorage() : nullptr));
+        object = Value(std::move(picture));
+    }
+    platform::MainQueue::async([self, task, object = std::move(object), error = std::move(error)] {
+        if (auto completion = self->completionHandler_) completion(task->response(), object, error);
+    });
+}
+
+void KRSDKResponseHandler::didReceiveData(const std::shared_ptr<platform::URLSession>& /*session*/,
+                                          const std::shared_ptr<platform::URLSessionDataTask>& /*dataTask*/,
+                                          std::optional<std::span<const std::uint8_t>> data) {
+    if (!data) {
+        KRSDK_LOG("Common", 2, "recceiveData is nil");
+        return;
+    }
+    if (mutableData_) mutableData_->insert(mutableData_->end(), data->begin(), data->end());
+}
+
+void KRSDKResponseHandler::didFinishDownloadingToURL(
+    const std::shared_ptr<platform::URLSession>& session,
+    const std::shared_ptr<platform::URLSessionDownloadTask>& downloadTask,
+    const std::shared_ptr<platform::URL>& location) {
+    downloadFileURL_ = nullptr;
+    if (downloadDestination_) downloadFileURL_ = downloadDestination_(session, downloadTask, location);
+    if (downloadFileURL_ && location) {
+        // A failed move is deliberately neither logged nor reported.
+        platform::FileManager::moveItemAtPath(location->path(), downloadFileURL_->path());
+    }
+}
+
+}  // namespace krcommon

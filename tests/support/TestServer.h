@@ -1,0 +1,185 @@
+#pragma once
+
+// A real HTTP or HTTPS server on 127.0.0.1 for tests, on a port of its own, that
+// records every request its routes receive (method, path, query, headers, body,
+// multipart parts) before answering it.
+
+#include "TestCertificates.h"
+
+#include <httplib.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace krcommon::test {
+
+struct RecordedPart {
+    std::string filename;
+    std::string contentType;
+    std::string content;
+};
+
+struct RecordedRequest {
+    std::string method;
+    std::string path;
+    std::multimap<std::string, std::string> query;
+    httplib::Headers headers;  // case-insensitive names
+    std::string body;
+    std::multimap<std::string, RecordedPart> parts;
+
+    [[nodiscard]] std::string header(const std::string& name) const {
+        auto it = headers.find(name);
+        return it == headers.end() ? std::string() : it->second;
+    }
+    [[nodiscard]] bool hasHeader(const std::string& name) const { return headers.find(name) != headers.end(); }
+    [[nodiscard]] std::string queryValue(const std::string& name) const {
+        auto it = query.find(name);
+        return it == query.end() ? std::string() : it->second;
+    }
+};
+
+class TestServer {
+public:
+    using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
+
+    /// A plain HTTP server.
+    static std::unique_ptr<TestServer> http() { return std::unique_ptr<TestServer>(new TestServer(std::make_unique<httplib::Server>())); }
+    /// An HTTPS server presenting `identity`.
+    static std::unique_ptr<TestServer> https(const Identity& identity) {
+        return std::unique_ptr<TestServer>(
+            new TestServer(std::make_unique<httplib::SSLServer>(identity.certificate.get(), identity.key.get())));
+    }
+
+    ~TestServer() { stop(); }
+
+    /// Adds a route (regex path) that records the request, then runs `handler`.
+    TestServer& route(const std::string& method, const std::string& pattern, Handler handler) {
+        auto wrapped = [this, handler = std::move(handler)](const httplib::Request& request, httplib::Response& response) {
+            record(request);
+            handler(request, response);
+        };
+        if (method == "GET") server_->Get(pattern, wrapped);
+        else if (method == "POST") server_->Post(pattern, wrapped);
+        else if (method == "PUT") server_->Put(pattern, wrapped);
+        else if (method == "DELETE") server_->Delete(pattern, wrapped);
+        return *this;
+    }
+
+    /// Starts listening; routes must be added before.
+    void start() {
+        port_ = server_->bind_to_any_port("127.0.0.1");
+        // The server library listens with a backlog of 5; tests open dozens of
+        // connections at once, so make the queue as deep as the system allows.
+        if (listeningSocket_ >= 0) ::listen(listeningSocket_, SOMAXCONN);
+        thread_ = std::thread([this] { server_->listen_after_bind(); });
+        while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+
+    void stop() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        released_.notify_all();
+        if (thread_.joinable()) {
+            server_->stop();
+            thread_.join();
+        }
+    }
+
+    /// Blocks a handler until `seconds` pass or the server stops.
+    void stall(double seconds) {
+        std::unique_lock lock(mutex_);
+        released_.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return stopping_; });
+    }
+
+    [[nodiscard]] int port() const { return port_; }
+    [[nodiscard]] std::string origin(const std::string& scheme) const {
+        return scheme + "://127.0.0.1:" + std::to_string(port_);
+    }
+    [[nodiscard]] std::vector<RecordedRequest> requests() const {
+        std::lock_guard lock(mutex_);
+        return requests_;
+    }
+    [[nodiscard]] std::size_t requestCount() const {
+        std::lock_guard lock(mutex_);
+        return requests_.size();
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        requests_.clear();
+    }
+    httplib::Server& server() { return *server_; }
+
+private:
+    explicit TestServer(std::unique_ptr<httplib::Server> server) : server_(std::move(server)) {
+        // One thread per connection at the most, so that keep-alive connections never queue.
+        server_->new_task_queue = [] { return new httplib::ThreadPool(160); };
+        server_->set_keep_alive_max_count(100000);
+        server_->set_tcp_nodelay(true);
+        server_->set_socket_options([this](socket_t sock) {
+            httplib::default_socket_options(sock);
+            listeningSocket_ = sock;
+        });  // answers go out at once, not after the peer's delayed ACK
+    }
+
+    void record(const httplib::Request& request) {
+        RecordedRequest r;
+        r.method = request.method;
+        r.path = request.path;
+        for (const auto& [k, v] : request.params) r.query.emplace(k, v);
+        r.headers = request.headers;
+        r.body = request.body;
+        for (const auto& [name, part] : request.files) {
+            r.parts.emplace(name, RecordedPart{part.filename, part.content_type, part.content});
+        }
+        std::lock_guard lock(mutex_);
+        if (keepRecords_) requests_.push_back(std::move(r));
+    }
+
+public:
+    /// Load tests switch recording off to keep memory flat.
+    void setRecording(bool on) {
+        std::lock_guard lock(mutex_);
+        keepRecords_ = on;
+    }
+
+private:
+    std::unique_ptr<httplib::Server> server_;
+    std::thread thread_;
+    int port_ = 0;
+    int listeningSocket_ = -1;
+    mutable std::mutex mutex_;
+    std::condition_variable released_;
+    bool stopping_ = false;
+    bool keepRecords_ = true;
+    std::vector<RecordedRequest> requests_;
+};
+
+/// A port on 127.0.0.1 that nothing listens on: bound once, then released.
+inline int closedPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+}  // namespace krcommon::test
