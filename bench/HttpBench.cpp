@@ -87,9 +87,10 @@ void runManager(benchmark::State& state, bool post) {
         }
     };
     for (int i = 0; i < inFlight; ++i) startOne();
+    std::int64_t consumed = 0;  // answers counted so far; one pump may bring several
     for (auto _ : state) {
-        const std::int64_t target = answered + 1;
-        MainQueue::runUntil([&] { return answered >= target; }, 30);
+        ++consumed;
+        if (answered < consumed) MainQueue::runUntil([&] { return answered >= consumed; }, 30);
     }
     keepGoing = false;
     MainQueue::runUntil([&] { return manager->mutableTaskHandlerByTaskIdentifier().empty(); }, 30);
@@ -133,8 +134,11 @@ void runCurl(benchmark::State& state, bool post) {
         curl_multi_add_handle(multi, easy);
     }
     std::int64_t failed = 0;
+    std::int64_t finished = 0;  // one round of the multi handle may finish several
+    std::int64_t consumed = 0;
     for (auto _ : state) {
-        bool done = false;
+        ++consumed;
+        bool done = finished >= consumed;
         while (!done) {
             int running = 0;
             curl_multi_perform(multi, &running);
@@ -145,7 +149,8 @@ void runCurl(benchmark::State& state, bool post) {
                 CURL* easy = message->easy_handle;
                 curl_multi_remove_handle(multi, easy);
                 curl_multi_add_handle(multi, easy);  // the next request on the same handle
-                done = true;
+                ++finished;
+                done = finished >= consumed;
             }
             if (!done) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
         }

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 using namespace krcommon;
@@ -54,7 +55,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     (void)home;
     static const auto manager = KRSDKMemberHttpManager::create();
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
-    if (!platform::FileManager::writeAtomically(KRSDKMemberHttpManager::plistFilePath(), bytes)) std::abort();
+    {
+        // A plain write: the lookup reads whatever is there, and fsync per input would cost the run.
+        std::ofstream file(KRSDKMemberHttpManager::plistFilePath(), std::ios::binary | std::ios::trunc);
+        file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        if (!file) std::abort();
+    }
 
     const auto root = platform::PropertyList::parse(bytes);
     for (const std::string host : {"127.0.0.1", "10.0.0.1", "api.example.test"}) {

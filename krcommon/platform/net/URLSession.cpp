@@ -142,6 +142,7 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     std::vector<std::shared_ptr<URLSessionTask>> toStart;
     std::vector<std::shared_ptr<URLSessionTask>> toCancel;
     bool shuttingDown = false;
+    std::atomic<bool> polling{false};  // the worker is (about to be) asleep in the multi handle's poll
     bool delegateTakesResponses = false;  // decided once, when the session is made
 
     // Waiting for a delegate's answer to a challenge or for a wake-up.
@@ -167,6 +168,14 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     void shutdown();
     void submitStart(std::shared_ptr<URLSessionTask> task);
     void submitCancel(std::shared_ptr<URLSessionTask> task);
+    // Wakes the worker when it sleeps; a running worker sees new commands at the top of its loop.
+    void wakeWorker() {
+        if (polling.load()) curl_multi_wakeup(multi);
+    }
+    [[nodiscard]] bool hasCommands() {
+        std::lock_guard lock(commandMutex);
+        return shuttingDown || !toStart.empty() || !toCancel.empty();
+    }
     void wakeWaiters() {
         { std::lock_guard lock(waitMutex); }
         waitCondition.notify_all();
@@ -403,7 +412,7 @@ void SessionEngine::submitStart(std::shared_ptr<URLSessionTask> task) {
         }
     }
     if (!task) {
-        curl_multi_wakeup(multi);
+        wakeWorker();
         return;
     }
     // The session is going away: the task ends cancelled, without events.
@@ -421,7 +430,7 @@ void SessionEngine::submitCancel(std::shared_ptr<URLSessionTask> task) {
         toCancel.push_back(std::move(task));
     }
     wakeWaiters();  // a handshake of this task may be waiting for the delegate
-    curl_multi_wakeup(multi);
+    wakeWorker();
 }
 
 void SessionEngine::post(std::function<void()> event) {
@@ -541,7 +550,11 @@ void SessionEngine::run() {
         curl_multi_timeout(multi, &wait);
         if (wait < 0 || wait > 1000) wait = 1000;
         wait = std::min(wait, nextIdleWait(now));
-        if (wait > 0) curl_multi_poll(multi, nullptr, 0, static_cast<int>(wait), nullptr);
+        if (wait > 0) {
+            polling.store(true);
+            if (!hasCommands()) curl_multi_poll(multi, nullptr, 0, static_cast<int>(wait), nullptr);
+            polling.store(false);
+        }
     }
 
     // Shutting down: what is still running ends cancelled, without events.
