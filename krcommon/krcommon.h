@@ -12,14 +12,30 @@ KRCOMMON_EXPORT extern const double krcommonVersionNumber;
 KRCOMMON_EXPORT extern const unsigned char krcommonVersionString[];
 }
 
+#include <krcommon/config/KIHostService.h>
+#include <krcommon/config/KRAppInfos.h>
+#include <krcommon/errorpage/MM404H5Manager.h>
+#include <krcommon/errorpage/MM404H5View.h>
+#include <krcommon/errors/KIMutiLanguageServer.h>
 #include <krcommon/errors/KRSDKLogger.h>
 #include <krcommon/http/KRRequestSerialization.h>
 #include <krcommon/http/KRSDKMemberHttpManager.h>
+#include <krcommon/http/KRSDKResponseHandler.h>
+#include <krcommon/platform/app/Application.h>
+#include <krcommon/platform/app/Bundle.h>
 #include <krcommon/platform/app/NotificationCenter.h>
 #include <krcommon/platform/app/SystemLog.h>
 #include <krcommon/platform/core/Error.h>
 #include <krcommon/platform/core/Exception.h>
 #include <krcommon/platform/core/Format.h>
 #include <krcommon/platform/core/Value.h>
+#include <krcommon/platform/dispatch/MainQueue.h>
+#include <krcommon/platform/dispatch/OperationQueue.h>
+#include <krcommon/platform/dispatch/Timer.h>
+#include <krcommon/platform/io/SearchPaths.h>
 #include <krcommon/platform/net/URL.h>
 #include <krcommon/platform/net/URLRequest.h>
+#include <krcommon/platform/net/URLSession.h>
+#include <krcommon/util/EncryptCommon.h>
+#include <krcommon/util/KRSDKUtility.h>
+#include <krcommon/util/OTTimerWeakTarget.h>
