@@ -175,14 +175,9 @@ BENCHMARK(BASE_RequestPost)->Arg(1)->Arg(32)->UseRealTime();
 // A server in a child process that accepts connections, reads, and never
 // answers: what the parent's heap holds then is the client's alone.
 int silentServer(pid_t* child) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    int port = 0;
+    const int fd = krcommon::test::boundLoopbackSocket(port);
     ::listen(fd, 512);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
     *child = ::fork();
     if (*child == 0) {
         std::vector<pollfd> fds{{fd, POLLIN, 0}};
@@ -200,7 +195,7 @@ int silentServer(pid_t* child) {
         }
     }
     ::close(fd);
-    return ntohs(address.sin_port);
+    return port;
 }
 
 void MEM_InFlight(benchmark::State& state) {

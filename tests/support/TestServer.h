@@ -169,8 +169,8 @@ private:
     std::vector<RecordedRequest> requests_;
 };
 
-/// A port on 127.0.0.1 that nothing listens on: bound once, then released.
-inline int closedPort() {
+/// A TCP socket bound to a free port on 127.0.0.1; `port` receives the port.
+inline int boundLoopbackSocket(int& port) {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -178,8 +178,15 @@ inline int closedPort() {
     socklen_t length = sizeof address;
     ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+/// A port on 127.0.0.1 that nothing listens on: bound once, then released.
+inline int closedPort() {
+    int port = 0;
+    ::close(boundLoopbackSocket(port));
+    return port;
 }
 
 }  // namespace krcommon::test
