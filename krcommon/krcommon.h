@@ -36,6 +36,9 @@ KRCOMMON_EXPORT extern const unsigned char krcommonVersionString[];
 #include <krcommon/platform/net/URL.h>
 #include <krcommon/platform/net/URLRequest.h>
 #include <krcommon/platform/net/URLSession.h>
+#include <krcommon/report/KRCommonReqBaseParam.h>
+#include <krcommon/report/KRReportParam.h>
+#include <krcommon/report/KrCommonAdapter.h>
 #include <krcommon/util/EncryptCommon.h>
 #include <krcommon/util/KRSDKUtility.h>
 #include <krcommon/util/OTTimerWeakTarget.h>
