@@ -9,7 +9,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   # runtime libraries
   libcurl4-openssl-dev libssl-dev openssl libplist-dev rapidjson-dev libfmt-dev
-  libcairo2-dev libpango1.0-dev fonts-noto-cjk
+  libcairo2-dev libpango1.0-dev libpng-dev zlib1g-dev fonts-noto-cjk
   # tests, benchmarks, fuzzing
   googletest libgmock-dev libgtest-dev libbenchmark-dev libcpp-httplib-dev libspdlog-dev
   clang libclang-rt-14-dev

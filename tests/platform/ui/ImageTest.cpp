@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <random>
 
 using namespace krcommon::platform;
 using krcommon::test::TempFolder;
@@ -91,6 +92,31 @@ TEST_F(ScreenScale, ContextsStackPerThreadAndSnapshotTheirPixels) {
     Screen::mainScreen().setScale(-1);                             // ignored
     EXPECT_EQ(Screen::mainScreen().scale(), 3);
 }
+
+// Every pixel comes back exactly, opaque images (written without alpha) and
+// translucent ones (straight colour in the file, premultiplied in memory) alike.
+class ImagePNGRoundTrip : public ::testing::TestWithParam<bool> {};
+
+TEST_P(ImagePNGRoundTrip, IsExactForAnyPixels) {
+    const bool opaque = GetParam();
+    std::mt19937 random(opaque ? 7 : 11);
+    std::vector<std::uint32_t> pixels(37 * 23);
+    for (auto& word : pixels) {
+        const std::uint32_t a = opaque ? 255 : random() % 256;
+        const auto channel = [&] { return a == 0 ? 0u : static_cast<std::uint32_t>(random() % (a + 1)); };
+        word = a << 24 | channel() << 16 | channel() << 8 | channel();
+    }
+    const Image image(37, 23, 1, pixels);
+    const Data png = image.PNGRepresentation();
+    ASSERT_GT(png.size(), 8u);
+    EXPECT_EQ(png[25], opaque ? 2 : 6);  // colour type in the header: RGB or RGBA
+    const auto back = Image::imageWithData(png, 1);
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(back->pixels(), pixels);
+}
+
+INSTANTIATE_TEST_SUITE_P(Alpha, ImagePNGRoundTrip, ::testing::Values(true, false),
+                         [](const auto& info) { return info.param ? "Opaque" : "Translucent"; });
 
 TEST(Image, PNGRoundTripKeepsPixelsAndReadsTheScaleFromTheName) {
     TempFolder folder;
