@@ -2,6 +2,9 @@
 
 #include <krcommon/platform/io/FileManager.h>
 #include <krcommon/platform/io/UTF8.h>
+#include <krcommon/platform/security/Base64.h>
+
+#include <fmt/format.h>
 
 #include <plist/plist.h>
 
@@ -11,7 +14,9 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <charconv>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 // libplist 2.2 recurses once per nesting level in its XML and binary readers,
@@ -417,63 +422,69 @@ private:
     }
 };
 
-// ---------------------------------------------------------------- Values to libplist nodes
+// ---------------------------------------------------------------- Values to XML
 
-// A date node from a binary list made for it, for dates the 32-bit setter cannot hold.
-plist_t wideDate(double secondsSince2001) {
-    unsigned char bin[8 + 9 + 1 + 32] = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0x33};
-    std::uint64_t bits = 0;
-    std::memcpy(&bits, &secondsSince2001, sizeof bits);
-    for (int i = 0; i < 8; ++i) bin[9 + i] = static_cast<unsigned char>(bits >> (56 - 8 * i));
-    bin[17] = 8;  // the offset table: object 0 at offset 8
-    unsigned char* trailer = bin + 18;
-    trailer[6] = 1;   // offset width
-    trailer[7] = 1;   // reference width
-    trailer[15] = 1;  // one object, the top one (object 0)
-    trailer[31] = 17; // the offset table's position
-    plist_t node = nullptr;
-    plist_from_bin(reinterpret_cast<const char*>(bin), sizeof bin, &node);
-    return node;
-}
-
-class NodeWriter {
+// Writes XML property lists directly, in the layout libplist and the
+// platform's writer use: a tab per level, "<dict/>" and "<array/>" for empty
+// collections, reals with 17 significant digits, data in Base64 lines whose
+// width shrinks with the depth, dates to the second in UTC.
+class XMLWriter {
 public:
-    PlistPtr write(const Value& value, int depth) {
+    bool write(const Value& value, int depth) {
         switch (value.kind()) {
-            case Value::Kind::Boolean: return PlistPtr(plist_new_bool(*value.boolValue() ? 1 : 0));
-            case Value::Kind::Integer:
-                return PlistPtr(plist_new_uint(static_cast<std::uint64_t>(*value.integerValue())));
-            case Value::Kind::Real: return PlistPtr(plist_new_real(*value.realValue()));
+            case Value::Kind::Boolean: line(depth, *value.boolValue() ? "<true/>" : "<false/>"); return true;
+            case Value::Kind::Integer: {
+                char digits[24];
+                const auto end = std::to_chars(digits, digits + sizeof digits, *value.integerValue()).ptr;
+                indent(depth);
+                out += "<integer>";
+                out.append(digits, end);
+                out += "</integer>\n";
+                return true;
+            }
+            case Value::Kind::Real: real(depth, *value.realValue()); return true;
             case Value::Kind::String: {
                 const std::string& text = *value.string();
-                if (!representable(text)) return nullptr;
-                return PlistPtr(plist_new_string(text.c_str()));
+                if (!representable(text)) return false;
+                indent(depth);
+                out += "<string>";
+                escaped(text);
+                out += "</string>\n";
+                return true;
             }
-            case Value::Kind::Data: {
-                const Data& bytes = *value.data();
-                return PlistPtr(plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
-            }
-            case Value::Kind::Date: return date(value.date()->timeIntervalSince1970);
+            case Value::Kind::Data: data(depth, *value.data()); return true;
+            case Value::Kind::Date: return date(depth, value.date()->timeIntervalSince1970);
             case Value::Kind::Array: {
                 if (depth + 1 > PropertyList::maximumDepth) return fail("Too many nested arrays or dictionaries");
-                PlistPtr node(plist_new_array());
-                for (const Value& item : *value.array()) {
-                    PlistPtr child = write(item, depth + 1);
-                    if (!child) return nullptr;
-                    plist_array_append_item(node.get(), child.release());
+                const Array& items = *value.array();
+                if (items.empty()) {
+                    line(depth, "<array/>");
+                    return true;
                 }
-                return node;
+                line(depth, "<array>");
+                for (const Value& item : items)
+                    if (!write(item, depth + 1)) return false;
+                line(depth, "</array>");
+                return true;
             }
             case Value::Kind::Dictionary: {
                 if (depth + 1 > PropertyList::maximumDepth) return fail("Too many nested arrays or dictionaries");
-                PlistPtr node(plist_new_dict());
-                for (const auto& [key, item] : *value.dictionary()) {
-                    if (!representable(key)) return nullptr;
-                    PlistPtr child = write(item, depth + 1);
-                    if (!child) return nullptr;
-                    plist_dict_set_item(node.get(), key.c_str(), child.release());
+                const Dictionary& members = *value.dictionary();
+                if (members.empty()) {
+                    line(depth, "<dict/>");
+                    return true;
                 }
-                return node;
+                line(depth, "<dict>");
+                for (const auto& [key, item] : members) {
+                    if (!representable(key)) return false;
+                    indent(depth + 1);
+                    out += "<key>";
+                    escaped(key);
+                    out += "</key>\n";
+                    if (!write(item, depth + 1)) return false;
+                }
+                line(depth, "</dict>");
+                return true;
             }
             case Value::Kind::Nil: return fail("Property list invalid for format (nil)");
             case Value::Kind::Null: return fail("Property list invalid for format (NSNull)");
@@ -483,33 +494,95 @@ public:
         return fail("Property list invalid for format");
     }
 
+    std::string out;
     std::string why;
 
 private:
-    PlistPtr fail(std::string text) {
+    bool fail(std::string text) {
         why = std::move(text);
-        return nullptr;
-    }
-
-    bool representable(const std::string& text) {
-        if (text.find('\0') != std::string::npos) why = "Property list string contains a NUL character";
-        else if (!UTF8::isValid(text)) why = "Property list string is not valid UTF-8";
-        else return true;
         return false;
     }
 
-    PlistPtr date(double since1970) {
+    bool representable(const std::string& text) {
+        if (text.find('\0') != std::string::npos) return fail("Property list string contains a NUL character");
+        if (!UTF8::isValid(text)) return fail("Property list string is not valid UTF-8");
+        return true;
+    }
+
+    void indent(int depth) { out.append(static_cast<std::size_t>(depth), '\t'); }
+    void line(int depth, std::string_view text) {
+        indent(depth);
+        out += text;
+        out += '\n';
+    }
+
+    // Only the three characters markup needs are escaped.
+    void escaped(std::string_view text) {
+        std::size_t from = 0;
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            const char c = text[i];
+            if (c != '&' && c != '<' && c != '>') continue;
+            out.append(text.data() + from, i - from);
+            out += c == '&' ? "&amp;" : c == '<' ? "&lt;" : "&gt;";
+            from = i + 1;
+        }
+        out.append(text.data() + from, text.size() - from);
+    }
+
+    void real(int depth, double number) {
+        indent(depth);
+        if (std::isnan(number)) out += "<real>nan</real>\n";
+        else if (std::isinf(number)) out += number > 0 ? "<real>+infinity</real>\n" : "<real>-infinity</real>\n";
+        else if (number == 0) out += std::signbit(number) ? "<real>-0.0</real>\n" : "<real>0.0</real>\n";
+        else {
+            fmt::memory_buffer digits;
+            fmt::format_to(std::back_inserter(digits), "{:.17g}", number);
+            out += "<real>";
+            out.append(digits.data(), digits.size());
+            out += "</real>\n";
+        }
+    }
+
+    void data(int depth, const Data& bytes) {
+        line(depth, "<data>");
+        std::string text(Base64::encodedLength(bytes.size()), '\0');
+        Base64::encode(bytes.data(), bytes.size(), text.data());
+        const int level = std::min(depth, 8);
+        const std::size_t width = static_cast<std::size_t>(76 - 8 * level);
+        for (std::size_t at = 0; at < text.size(); at += width) {
+            indent(level);
+            out.append(text, at, width);
+            out += '\n';
+        }
+        line(depth, "</data>");
+    }
+
+    // Whole seconds, as XML property lists hold them; a time a hair below the
+    // next second counts as that second.
+    bool date(int depth, double since1970) {
         if (!(since1970 >= kEarliestDate && since1970 < kLatestDate))
             return fail("Property list date outside the years 1 to 9999");
-        const double since2001 = since1970 - kSecondsFrom1970To2001;
-        if (since2001 <= INT32_MIN || since2001 >= INT32_MAX) return PlistPtr(wideDate(since2001));
-        double whole = std::floor(since2001);
-        auto micro = static_cast<std::int32_t>(std::lround((since2001 - whole) * 1e6));
-        if (micro == 1000000) {
-            whole += 1;
-            micro = 0;
-        }
-        return PlistPtr(plist_new_date(static_cast<std::int32_t>(whole), micro));
+        const auto seconds = static_cast<std::int64_t>(std::floor(since1970 + 0.0000005));
+        const std::int64_t days = seconds >= 0 ? seconds / 86400 : (seconds - 86399) / 86400;
+        const std::int64_t secondOfDay = seconds - days * 86400;
+        // Civil date from days since 1970-01-01 in the proleptic Gregorian calendar.
+        const std::int64_t z = days + 719468;
+        const std::int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+        const std::int64_t dayOfEra = z - era * 146097;
+        const std::int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+        const std::int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+        const std::int64_t monthIndex = (5 * dayOfYear + 2) / 153;
+        const std::int64_t day = dayOfYear - (153 * monthIndex + 2) / 5 + 1;
+        const std::int64_t month = monthIndex < 10 ? monthIndex + 3 : monthIndex - 9;
+        const std::int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
+        fmt::memory_buffer text;
+        fmt::format_to(std::back_inserter(text), "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", year, month, day,
+                       secondOfDay / 3600, secondOfDay / 60 % 60, secondOfDay % 60);
+        indent(depth);
+        out += "<date>";
+        out.append(text.data(), text.size());
+        out += "</date>\n";
+        return true;
     }
 };
 
@@ -551,23 +624,18 @@ std::optional<Value> PropertyList::parse(std::string_view bytes, std::shared_ptr
 }
 
 std::optional<std::string> PropertyList::writeXML(const Value& value, std::shared_ptr<Error>* error) {
-    const CLocaleScope cLocale;
-    NodeWriter writer;
-    PlistPtr root = writer.write(value, 0);
-    if (!root) {
+    XMLWriter writer;
+    writer.out.reserve(4096);
+    writer.out +=
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+        "<plist version=\"1.0\">\n";
+    if (!writer.write(value, 0)) {
         if (error) *error = makeError(writeErrorCode, std::move(writer.why));
         return std::nullopt;
     }
-    char* xml = nullptr;
-    std::uint32_t length = 0;
-    plist_to_xml(root.get(), &xml, &length);
-    if (!xml) {
-        if (error) *error = makeError(writeErrorCode, "Property list could not be written");
-        return std::nullopt;
-    }
-    std::string text(xml, length);
-    plist_to_xml_free(xml);
-    return text;
+    writer.out += "</plist>\n";
+    return std::move(writer.out);
 }
 
 std::optional<Value> PropertyList::readFile(const std::string& path, std::shared_ptr<Error>* error) {

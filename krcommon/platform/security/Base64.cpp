@@ -12,6 +12,17 @@ namespace krcommon::platform {
 
 namespace {
 
+constexpr char encodingBaseTable[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// The two output characters of every 12-bit half of a three-byte group, so
+// that a whole group takes two lookups.
+constexpr std::array<std::array<char, 2>, 4096> makeBase64Pairs() {
+    std::array<std::array<char, 2>, 4096> table{};
+    for (std::size_t i = 0; i < 4096; ++i) table[i] = {encodingBaseTable[i >> 6], encodingBaseTable[i & 0x3F]};
+    return table;
+}
+constexpr auto kBase64Pairs = makeBase64Pairs();
+
 constexpr std::array<bool, 256> makeAlphabet() {
     std::array<bool, 256> table{};
     for (char c = 'A'; c <= 'Z'; ++c) table[static_cast<unsigned char>(c)] = true;
@@ -61,6 +72,23 @@ std::optional<Data> Base64::decode(std::string_view text) {
     }
     out.resize(produced - padding);
     return out;
+}
+
+void Base64::encode(const std::uint8_t* in, std::size_t length, char* out) noexcept {
+    std::size_t i = 0;
+    for (; i + 3 <= length; i += 3, out += 4) {
+        const std::uint32_t group = (std::uint32_t{in[i]} << 16) | (std::uint32_t{in[i + 1]} << 8) | in[i + 2];
+        std::memcpy(out, kBase64Pairs[group >> 12].data(), 2);
+        std::memcpy(out + 2, kBase64Pairs[group & 0xFFF].data(), 2);
+    }
+    const std::size_t k = length - i;  // 0, 1 or 2 bytes left
+    if (k == 0) return;
+    const std::uint8_t b0 = in[i];
+    const std::uint8_t b1 = k > 1 ? in[i + 1] : 0;
+    out[0] = encodingBaseTable[b0 >> 2];
+    out[1] = encodingBaseTable[((b0 & 0x03) << 4) | (b1 >> 4)];
+    out[2] = k > 1 ? encodingBaseTable[(b1 & 0x0F) << 2] : '=';
+    out[3] = '=';
 }
 
 }  // namespace krcommon::platform

@@ -1,11 +1,13 @@
 #pragma once
 
-// Strict Base64 decoding (RFC 4648, standard alphabet), as the platform's
-// data-from-Base64 initialiser without options performs it.
+// Base64 (RFC 4648, standard alphabet): padded encoding, and strict decoding
+// as the platform's data-from-Base64 initialiser without options performs it.
 
 #include <krcommon/platform/core/Export.h>
 #include <krcommon/platform/core/Value.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -18,6 +20,12 @@ public:
     /// line breaks, the URL-safe alphabet or missing padding give nothing.
     /// Empty text gives empty data.
     static std::optional<Data> decode(std::string_view text);
+
+    /// The number of characters encoding `length` bytes takes, padding included.
+    static constexpr std::size_t encodedLength(std::size_t length) noexcept { return (length + 2) / 3 * 4; }
+    /// Writes the padded encoding of `length` bytes at `in` to `out`, which
+    /// must hold encodedLength(length) characters. No terminator, no line breaks.
+    static void encode(const std::uint8_t* in, std::size_t length, char* out) noexcept;
 
     Base64() = delete;
 };
