@@ -142,7 +142,7 @@ void KrCommonAdapter::reportRequestStatInfo(const Value& record) {
         SystemLog::log("repInfoList is nil....");
         return;
     }
-    std::optional<Dictionary> body;
+    std::optional<Value> body;
     {
         std::lock_guard lock(mutex_);
         if (reporting_.load(std::memory_order_relaxed)) {
@@ -152,7 +152,7 @@ void KrCommonAdapter::reportRequestStatInfo(const Value& record) {
         }
         body = persistLocked(Array{record});
     }
-    if (body) requestReportStatisticsInfo(*body);
+    if (body) upload(*body);
 }
 
 void KrCommonAdapter::sendReportRequest(std::optional<Array> repInfoList) {
@@ -160,15 +160,15 @@ void KrCommonAdapter::sendReportRequest(std::optional<Array> repInfoList) {
         SystemLog::log("repInfoList is nil....");
         return;
     }
-    std::optional<Dictionary> body;
+    std::optional<Value> body;
     {
         std::lock_guard lock(mutex_);
         body = persistLocked(std::move(*repInfoList));
     }
-    if (body) requestReportStatisticsInfo(*body);
+    if (body) upload(*body);
 }
 
-std::optional<Dictionary> KrCommonAdapter::persistLocked(Array records) {
+std::optional<Value> KrCommonAdapter::persistLocked(Array records) {
     const std::optional<std::string> legacyPath = moveDocumentToLibrary()
                                                       ? std::optional<std::string>(LibraryFilePath(statisticsFileName))
                                                       : documentFilePath(statisticsFileName);
@@ -179,29 +179,48 @@ std::optional<Dictionary> KrCommonAdapter::persistLocked(Array records) {
     }
 
     const std::string queuePath = statisInfoFilePathName();
-    Array queue = readRecordArray(queuePath).value_or(Array{});
+    Value queueValue(readQueueLocked(queuePath));
+    Array& queue = *queueValue.array();
     queue.reserve(queue.size() + records.size() + (legacy ? legacy->size() : 0));
     std::move(records.begin(), records.end(), std::back_inserter(queue));
     if (legacy) std::move(legacy->begin(), legacy->end(), std::back_inserter(queue));
 
     SystemLog::log("statistics count [ %lu ] ********", static_cast<unsigned long>(queue.size()));
-    Value queueValue(std::move(queue));
-    if (!platform::PropertyList::writeFile(queuePath, queueValue, true)) SystemLog::log("writeToFile is fail ");
-    const Array& merged = *queueValue.array();
+    std::optional<std::string> text = platform::PropertyList::writeXML(queueValue);
+    if (text && FileManager::writeAtomically(queuePath, *text)) {
+        queueCache_ = QueueCache{std::move(*text), queue};
+    } else {
+        queueCache_.reset();
+        SystemLog::log("writeToFile is fail ");
+    }
 
-    if (merged.size() > static_cast<std::uint64_t>(reportStatisMax)) {
+    if (queue.size() > static_cast<std::uint64_t>(reportStatisMax)) {
         (void)removeFileWithPath(queuePath);
         return std::nullopt;
     }
-    if (merged.size() < static_cast<std::uint64_t>(reportCount)) return std::nullopt;
+    if (queue.size() < static_cast<std::uint64_t>(reportCount)) return std::nullopt;
 
-    Dictionary body = batchBodyLocked(merged);
-    SystemLog::log("postDicInfo===%@", Value(body));
+    Value body = batchBodyLocked(std::move(queue));
+    SystemLog::log("postDicInfo===%@", body);
     reporting_.store(true, std::memory_order_release);
     return body;
 }
 
-Dictionary KrCommonAdapter::batchBodyLocked(const Array& queue) const {
+Array KrCommonAdapter::readQueueLocked(const std::string& path) {
+    std::optional<platform::Data> bytes = FileManager::contentsAtPath(path);
+    if (!bytes) return {};
+    // The file as this adapter last wrote it need not be parsed again.
+    if (queueCache_ && std::equal(bytes->begin(), bytes->end(), queueCache_->bytes.begin(), queueCache_->bytes.end())) {
+        Array records = std::move(queueCache_->records);
+        queueCache_.reset();
+        return records;
+    }
+    std::optional<Value> list = platform::PropertyList::parse(*bytes);
+    if (list && list->array()) return std::move(*list->array());
+    return {};
+}
+
+Value KrCommonAdapter::batchBodyLocked(Array queue) const {
     const Value bundleIdentifier = platform::Bundle::mainBundle()->objectForInfoDictionaryKey("CFBundleIdentifier");
     Dictionary body;
     body.reserve(11);
@@ -215,12 +234,14 @@ Dictionary KrCommonAdapter::batchBodyLocked(const Array& queue) const {
     body.set("osVersion", Value(KRAppInfos::share().osVersion()));
     body.set("deviceModel", Value(KRAppInfos::share().deviceModel()));
     body.set("deviceName", platform::Device::currentDevice().name());
-    body.set("statList", queue);
-    return body;
+    body.set("statList", std::move(queue));
+    return Value(std::move(body));
 }
 
-void KrCommonAdapter::requestReportStatisticsInfo(const Dictionary& body) {
-    auto param = KRReportParam::initWithParamDictionary(body, KRReportParam::reportStasticsInfo);
+void KrCommonAdapter::requestReportStatisticsInfo(const Dictionary& body) { upload(Value(body)); }
+
+void KrCommonAdapter::upload(const Value& body) {
+    auto param = KRReportParam::initWithParamDictionary(*body.dictionary(), KRReportParam::reportStasticsInfo);
     const std::optional<std::string> url = param->requestUrl();
 
     // Both completions keep the adapter alive until they have run.
@@ -243,7 +264,7 @@ void KrCommonAdapter::requestReportStatisticsInfo(const Dictionary& body) {
         self->reporting_.store(false, std::memory_order_release);
         SystemLog::log("report statistics fail next time retry...");
     };
-    (void)httpManager()->POST(url, Value(), Value(body), std::nullopt, false, std::move(success), std::move(failure));
+    (void)httpManager()->POST(url, Value(), body, std::nullopt, false, std::move(success), std::move(failure));
 }
 
 // ---- User actions.

@@ -145,8 +145,21 @@ public:
 private:
     /// The merge-persist-decide step under the lock; answers the batch body
     /// when an upload is due (the in-flight flag is then already set).
-    std::optional<platform::Dictionary> persistLocked(platform::Array records);
-    platform::Dictionary batchBodyLocked(const platform::Array& queue) const;
+    std::optional<platform::Value> persistLocked(platform::Array records);
+    /// The batch body around `queue`.
+    platform::Value batchBodyLocked(platform::Array queue) const;
+    /// requestReportStatisticsInfo() for a body already held as a Value.
+    void upload(const platform::Value& body);
+    /// The queue file's records; a file that is missing or not an array reads as none.
+    platform::Array readQueueLocked(const std::string& path);
+
+    // The queue file as this adapter last wrote it, with its records, so that
+    // the next record need not parse it again. Checked against the file's
+    // bytes on every read, so a file changed by anyone else is parsed afresh.
+    struct QueueCache {
+        std::string bytes;
+        platform::Array records;
+    };
 
     mutable std::mutex mutex_;  // guards everything below and the queue file
     // Holding list for records arriving during an upload. It is never created,
@@ -161,6 +174,7 @@ private:
     platform::Value deviceId_{"unknow"};
     std::atomic<bool> moveDocumentToLibrary_{false};
     std::shared_ptr<KRSDKMemberHttpManager> httpManager_;
+    std::optional<QueueCache> queueCache_;
 };
 
 }  // namespace krcommon
