@@ -393,6 +393,24 @@ void SessionEngine::shutdown() {
     wakeWaiters();
     if (multi) curl_multi_wakeup(multi);
     if (worker.joinable()) worker.join();
+    // Commands the worker did not take before it ended: a task still waiting to
+    // start ends cancelled, a cancel has nothing left to do. Both hold the task,
+    // and the task holds this engine, so they must not stay behind.
+    std::vector<std::shared_ptr<URLSessionTask>> unstarted;
+    std::vector<std::shared_ptr<URLSessionTask>> uncancelled;
+    {
+        std::lock_guard lock(commandMutex);
+        unstarted.swap(toStart);
+        uncancelled.swap(toCancel);
+    }
+    for (const auto& task : unstarted) {
+        {
+            std::lock_guard lock(task->mutex_);
+            task->error_ = urlError(URLErrorCancelled, task->request_.URL());
+        }
+        task->state_.store(URLSessionTaskState::Completed, std::memory_order_release);
+        running.fetch_sub(1, std::memory_order_relaxed);
+    }
     // Dropped events may answer what they carried (a refusal, a cancel), which
     // posts again: let them go outside the lock.
     std::deque<std::function<void()>> dropped;
@@ -427,6 +445,9 @@ void SessionEngine::submitStart(std::shared_ptr<URLSessionTask> task) {
 void SessionEngine::submitCancel(std::shared_ptr<URLSessionTask> task) {
     {
         std::lock_guard lock(commandMutex);
+        // Once the session is going away its tasks have ended already; queuing
+        // one here would also keep the engine alive through the task for ever.
+        if (shuttingDown) return;
         toCancel.push_back(std::move(task));
     }
     wakeWaiters();  // a handshake of this task may be waiting for the delegate
@@ -434,6 +455,10 @@ void SessionEngine::submitCancel(std::shared_ptr<URLSessionTask> task) {
 }
 
 void SessionEngine::post(std::function<void()> event) {
+    // A session going away delivers nothing more. Events dropped while it shuts
+    // down may answer what they carried and post again; those go too (the
+    // event is destroyed here, outside the lock).
+    if (stopping.load()) return;
     bool schedule = false;
     {
         std::lock_guard lock(eventMutex);
