@@ -66,12 +66,14 @@ void KRAppInfos::resetBundleName(std::optional<std::string_view> name) {
     if (!name || name->empty()) return;
     std::lock_guard lock(mutex_);
     replaceBundleName_ = std::string(*name);
+    ++version_;
 }
 
 #define KR_ACCESSORS(name, Capitalised)                      \
     void KRAppInfos::set##Capitalised(Text value) {          \
         std::lock_guard lock(mutex_);                        \
         name##_ = std::move(value);                          \
+        ++version_;                                          \
     }
 KR_ACCESSORS(applicationBundleId, ApplicationBundleId)
 KR_ACCESSORS(iOSPrefixApplicationBundleId, IOSPrefixApplicationBundleId)
@@ -104,6 +106,23 @@ KR_GETTER(platformVersion)
 #undef KR_GETTER
 
 std::string KRAppInfos::debugDescription() const {
+    // Every share() prints this, so it is kept until a setter changes the record.
+    std::uint64_t version = 0;
+    {
+        std::lock_guard lock(mutex_);
+        if (description_ && descriptionVersion_ == version_) return *description_;
+        version = version_;
+    }
+    std::string text = describe();
+    std::lock_guard lock(mutex_);
+    if (version == version_) {
+        description_ = text;
+        descriptionVersion_ = version;
+    }
+    return text;
+}
+
+std::string KRAppInfos::describe() const {
     auto entry = [](Text value) { return value ? Value(std::move(*value)) : Value("nil"); };
     // Read through the getters, so that the substitute bundle name shows.
     const platform::Dictionary properties{

@@ -8,6 +8,7 @@
 
 #include <krcommon/platform/core/Value.h>
 
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -76,7 +77,12 @@ public:
     [[nodiscard]] std::string debugDescription() const;
 
 private:
+    [[nodiscard]] std::string describe() const;
+
     mutable std::mutex mutex_;
+    std::uint64_t version_ = 0;  // counts changes made through the setters
+    mutable std::optional<std::string> description_;
+    mutable std::uint64_t descriptionVersion_ = 0;
     Text applicationBundleId_;
     Text iOSPrefixApplicationBundleId_;
     Text dislayName_;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <span>
 #include <typeinfo>
 
 namespace krcommon::platform {
@@ -350,12 +351,19 @@ void Value::appendDescription(std::string& out, int indent) const {
         case Kind::Dictionary: {
             // The platform prints dictionaries with their keys sorted.
             const auto& d = std::get<Dictionary>(storage_);
-            std::vector<const Dictionary::Entry*> sorted;
-            sorted.reserve(d.size());
-            for (const auto& e : d) sorted.push_back(&e);
-            std::sort(sorted.begin(), sorted.end(), [](auto* a, auto* b) { return a->first < b->first; });
+            // Small dictionaries, the common case, sort on the stack.
+            const Dictionary::Entry* onStack[16];
+            std::vector<const Dictionary::Entry*> onHeap;
+            const Dictionary::Entry** sorted = onStack;
+            if (d.size() > std::size(onStack)) {
+                onHeap.resize(d.size());
+                sorted = onHeap.data();
+            }
+            std::size_t count = 0;
+            for (const auto& e : d) sorted[count++] = &e;
+            std::sort(sorted, sorted + count, [](auto* a, auto* b) { return a->first < b->first; });
             out += "{\n";
-            for (const auto* e : sorted) {
+            for (const auto* e : std::span(sorted, count)) {
                 appendIndent(out, indent + 1);
                 if (needsQuotes(e->first)) appendQuoted(out, e->first);
                 else out += e->first;
