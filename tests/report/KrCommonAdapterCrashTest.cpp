@@ -30,17 +30,34 @@ TEST(KrCommonAdapterCrash, EverySurvivingQueueFileHoldsWholeRecords) {
     const std::string queuePath = home.library() + "/kr_sdks_kvstorage/statisticsInfoList";
     const auto seed = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
     std::mt19937 random(seed);
-    std::uniform_int_distribution<int> delayUs(2'000, 40'000);
     SCOPED_TRACE("seed " + std::to_string(seed));
+
+    std::string program = KRCOMMON_REPORT_CRASH_CHILD;
+    std::string homeArg = home.path();
+    char* argv[] = {program.data(), homeArg.data(), const_cast<char*>(port.c_str()), nullptr};
+    auto spawn = [&] {
+        pid_t pid = 0;
+        EXPECT_EQ(::posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv, environ), 0);
+        return pid;
+    };
+
+    // How long a child takes to write its first queue (much longer under the
+    // sanitizers): the kills then fall from that moment on, while it writes.
+    using Clock = std::chrono::steady_clock;
+    const auto started = Clock::now();
+    const pid_t first = spawn();
+    while (!platform::FileManager::fileExistsAtPath(queuePath) && Clock::now() - started < std::chrono::seconds(30))
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    const auto startup = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started).count();
+    ::kill(first, SIGKILL);
+    ::waitpid(first, nullptr, 0);
+    ASSERT_TRUE(platform::FileManager::fileExistsAtPath(queuePath)) << "the child never wrote its queue";
+    std::uniform_int_distribution<long> delayUs(startup / 2, startup + 40'000);
 
     int filesChecked = 0;
     std::size_t mostRecords = 0;
     for (int round = 0; round < 300; ++round) {
-        std::string program = KRCOMMON_REPORT_CRASH_CHILD;
-        std::string homeArg = home.path();
-        char* argv[] = {program.data(), homeArg.data(), const_cast<char*>(port.c_str()), nullptr};
-        pid_t pid = 0;
-        ASSERT_EQ(::posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv, environ), 0);
+        const pid_t pid = spawn();
         std::this_thread::sleep_for(std::chrono::microseconds(delayUs(random)));
         ::kill(pid, SIGKILL);
         int status = 0;
