@@ -2,12 +2,12 @@
 #include <krcommon/platform/app/Bundle.h>
 #include <krcommon/platform/app/Device.h>
 
+#include "platform/security/OpenSSLTool.h"
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <functional>
 #include <regex>
 
@@ -17,17 +17,6 @@ using krcommon::platform::Device;
 using krcommon::platform::Dictionary;
 
 namespace {
-
-std::string md5WithOpenSSL(const std::string& text) {
-    const std::string command = "printf '%s' '" + text + "' | openssl dgst -md5 -r";
-    std::string out;
-    if (FILE* pipe = ::popen(command.c_str(), "r")) {
-        char buffer[256];
-        while (std::fgets(buffer, sizeof buffer, pipe)) out += buffer;
-        ::pclose(pipe);
-    }
-    return out.substr(0, 32);
-}
 
 class KRAppInfosTest : public ::testing::Test {
 protected:
@@ -46,7 +35,8 @@ TEST_F(KRAppInfosTest, FillsFromTheMainBundleAndTheDevice) {
     EXPECT_EQ(infos.deviceModel(), device.model());
     EXPECT_EQ(infos.osVersion(), device.systemName() + device.systemVersion());
     EXPECT_EQ(infos.vendorUUID(), device.identifierForVendor("com.example.app"));
-    EXPECT_EQ(infos.md5VendorUUID(), md5WithOpenSSL(infos.vendorUUID().value_or("")));
+    const std::string uuid = infos.vendorUUID().value_or("");
+    EXPECT_EQ(infos.md5VendorUUID(), krcommon::test::OpenSSLTool().digest("md5", {uuid.begin(), uuid.end()}));
     EXPECT_EQ(infos.peerID(), "iOS");
     EXPECT_EQ(infos.platformVersion(), "11");
     EXPECT_EQ(infos.customAppName(), "");

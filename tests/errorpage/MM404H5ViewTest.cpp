@@ -5,13 +5,13 @@
 #include <krcommon/platform/ui/ImageContext.h>
 #include <krcommon/platform/ui/Renderer.h>
 
+#include "platform/app/BundleTestSupport.h"
 #include "platform/io/TempFolder.h"
 #include "platform/ui/PngReader.h"
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -28,7 +28,6 @@ namespace {
 Color rgb255(int r, int g, int b) { return Color::colorWithRed(r / 255.0, g / 255.0, b / 255.0, 1); }
 const Color kGrey = rgb255(100, 100, 100);
 const Color kBlue = rgb255(15, 151, 255);
-const Color kLight = rgb255(240, 240, 240);
 
 void resetManager() {
     auto& m = MM404H5Manager::sharedManager();
@@ -46,9 +45,6 @@ void resetManager() {
 class MM404H5ViewTest : public testing::Test {
 protected:
     void SetUp() override {
-        if (const char* old = std::getenv("KRCOMMON_RESOURCES")) saved_ = old;
-        ::setenv("KRCOMMON_RESOURCES", KRCOMMON_SOURCE_RESOURCES, 1);
-        scale_ = Screen::mainScreen().scale();
         resetManager();
         Application::shared().setOpenURLHandler([this](const URL& url) {
             opened_.push_back(url.absoluteString());
@@ -59,15 +55,10 @@ protected:
         resetManager();
         Application::shared().setOpenURLHandler(nullptr);
         Screen::mainScreen().setScale(scale_);
-        if (saved_) {
-            ::setenv("KRCOMMON_RESOURCES", saved_->c_str(), 1);
-        } else {
-            ::unsetenv("KRCOMMON_RESOURCES");
-        }
     }
 
-    std::optional<std::string> saved_;
-    double scale_ = 2;
+    test::ScopedEnv resources_{"KRCOMMON_RESOURCES", KRCOMMON_SOURCE_RESOURCES};
+    double scale_ = Screen::mainScreen().scale();
     std::vector<std::string> opened_;
 };
 
@@ -119,6 +110,7 @@ TEST_F(MM404H5ViewTest, StacksItsPartsByTheConstraintTable) {
                    {(s.w - buttonWidth) / 2, refreshTop + buttonHeight + 20, buttonWidth, buttonHeight}, "close " + at);
         EXPECT_EQ(page->contentSize(), (Size{s.w, std::max(s.w, s.h) + 100})) << at;
         EXPECT_NEAR(page->mm404RefreshButton()->cornerRadius(), buttonHeight / 2, 1e-9) << at;
+        EXPECT_NEAR(page->mm404CloseButton()->cornerRadius(), buttonHeight / 2, 1e-9) << at;
         EXPECT_TRUE(page->mm404CloseButton()->clipsToBounds());
         // In order, all placed by constraints.
         const std::vector<std::shared_ptr<View>> parts{page->mm404ImageView(), page->mm404TitleLable(),
@@ -127,18 +119,6 @@ TEST_F(MM404H5ViewTest, StacksItsPartsByTheConstraintTable) {
         EXPECT_EQ(page->subviews(), parts);
         EXPECT_EQ(page->constraints().size(), 20u);
     }
-}
-
-TEST_F(MM404H5ViewTest, MeetsTheFiguresOfAPhonePortraitScreen) {
-    auto page = MM404H5View::initWithFrame({0, 0, 375, 667});
-    page->layoutIfNeeded();
-    expectRect(page->mm404ImageView()->frame(), {135, 100.05, 105, 105}, "picture");
-    expectRect(page->mm404RefreshButton()->frame(), {61.875, 423.46, 251.25, 45.225}, "refresh");
-    EXPECT_NEAR(page->mm404RefreshButton()->frame().minY() - page->mm404SubTitleLable()->frame().maxY(), 153.41, 1e-9);
-    EXPECT_NEAR(page->mm404CloseButton()->frame().minY(), 488.685, 1e-9);
-    EXPECT_NEAR(page->mm404CloseButton()->cornerRadius(), 22.6125, 1e-9);
-    EXPECT_EQ(page->contentSize(), (Size{375, 767}));
-    EXPECT_EQ(MM404H5View::initWithFrame({0, 0, 320, 200})->contentSize(), (Size{320, 420}));
 }
 
 TEST_F(MM404H5ViewTest, HeightOffsetsStayFromCreationWhileWidthsFollowTheFrame) {
@@ -274,40 +254,37 @@ TEST_F(MM404H5ViewTest, UpdatesIgnoreAbsentAndEmptyValues) {
 }
 
 // Page delegates with any mix of the optional operations.
-struct Owner : MM404ViewDelegate {
-    std::vector<std::string>* journal;
-    explicit Owner(std::vector<std::string>* j) : journal(j) {}
-};
-struct Refresher : Owner, MM404ViewRefreshDelegate {
-    using Owner::Owner;
+using Journal = std::vector<std::string>;
+struct Refreshes : MM404ViewRefreshDelegate {
+    Journal* journal = nullptr;
     void MM404ViewDelegate_RefreshCurrentPage() override { journal->push_back("refresh"); }
 };
-struct Closer : Owner, MM404ViewCloseDelegate {
-    using Owner::Owner;
+struct Closes : MM404ViewCloseDelegate {
+    Journal* journal = nullptr;
     void MM404ViewDelegate_CloseCurrentPage() override { journal->push_back("close"); }
 };
-struct Both : Owner, MM404ViewRefreshDelegate, MM404ViewCloseDelegate {
-    using Owner::Owner;
-    void MM404ViewDelegate_RefreshCurrentPage() override { journal->push_back("refresh"); }
-    void MM404ViewDelegate_CloseCurrentPage() override { journal->push_back("close"); }
+template <class... Operations>
+struct Owner : MM404ViewDelegate, Operations... {
+    explicit Owner([[maybe_unused]] Journal* journal) { ((Operations::journal = journal), ...); }
 };
+using Both = Owner<Refreshes, Closes>;
 struct NotAPageDelegate : ScrollViewDelegate, MM404ViewRefreshDelegate {
     void MM404ViewDelegate_RefreshCurrentPage() override { ADD_FAILURE() << "not the page's delegate"; }
 };
 
 TEST_F(MM404H5ViewTest, ButtonsTellTheDelegateWhatItCanHear) {
     krcommon::test::LogCapture log;
-    std::vector<std::string> journal;
+    Journal journal;
     struct Row {
         const char* what;
         std::shared_ptr<MM404ViewDelegate> delegate;
-        std::vector<std::string> expected;
+        Journal expected;
     };
     const Row rows[] = {
         {"no delegate", nullptr, {}},
-        {"neither operation", std::make_shared<Owner>(&journal), {}},
-        {"refresh only", std::make_shared<Refresher>(&journal), {"refresh"}},
-        {"close only", std::make_shared<Closer>(&journal), {"close"}},
+        {"neither operation", std::make_shared<Owner<>>(&journal), {}},
+        {"refresh only", std::make_shared<Owner<Refreshes>>(&journal), {"refresh"}},
+        {"close only", std::make_shared<Owner<Closes>>(&journal), {"close"}},
         {"both", std::make_shared<Both>(&journal), {"refresh", "close"}},
     };
     auto page = MM404H5View::initWithFrame({0, 0, 375, 667});
@@ -467,14 +444,15 @@ TEST_F(MM404H5ViewTest, RendersThePageToPNG) {
     const std::string path = folder / "mm404.png";
     ASSERT_TRUE(Renderer::renderToPNG(*page, path, 2));
     std::cout << "rendered error page: " << path << "\n";
-    PngReader png(path);
-    ASSERT_TRUE(png.ok());
-    ASSERT_EQ(png.width(), 750);
-    ASSERT_EQ(png.height(), 1334);
-    const auto px = [&](double x, double y) { return png.at(static_cast<int>(x * 2), static_cast<int>(y * 2)); };
+    auto png = std::make_unique<PngReader>(path);
+    ASSERT_TRUE(png->ok());
+    ASSERT_EQ(png->width(), 750);
+    ASSERT_EQ(png->height(), 1334);
+    // Points to pixels at scale 2.
+    const auto px = [&](double x, double y) { return png->at(static_cast<int>(x * 2), static_cast<int>(y * 2)); };
     const auto inRect = [&](const Rect& r, const std::function<bool(const Rgba&)>& test) {
-        return png.count(static_cast<int>(r.minX() * 2), static_cast<int>(r.minY() * 2), static_cast<int>(r.maxX() * 2),
-                         static_cast<int>(r.maxY() * 2), test);
+        return png->count(static_cast<int>(r.minX() * 2), static_cast<int>(r.minY() * 2),
+                          static_cast<int>(r.maxX() * 2), static_cast<int>(r.maxY() * 2), test);
     };
     const auto white = [](const Rgba& c) { return near(c, 255, 255, 255); };
 
@@ -514,14 +492,10 @@ TEST_F(MM404H5ViewTest, RendersThePageToPNG) {
     page->setIsSubtitleLabelHidden(true);
     page->setIsRefreshButtonHidden(true);
     ASSERT_TRUE(Renderer::renderToPNG(*page, path, 2));
-    PngReader hidden(path);
-    const auto hiddenPx = [&](double x, double y) { return hidden.at(static_cast<int>(x * 2), static_cast<int>(y * 2)); };
-    EXPECT_TRUE(white(hiddenPx(refresh.midX() + 90, refresh.midY())));
-    EXPECT_EQ(hidden.count(static_cast<int>(sub.minX() * 2), static_cast<int>(sub.minY() * 2),
-                           static_cast<int>(sub.maxX() * 2), static_cast<int>(sub.maxY() * 2),
-                           [&](const Rgba& c) { return !white(c); }),
-              0);
-    EXPECT_TRUE(near(hiddenPx(close.midX() + 90, close.midY()), 240, 240, 240));
+    png = std::make_unique<PngReader>(path);
+    EXPECT_TRUE(white(px(refresh.midX() + 90, refresh.midY())));
+    EXPECT_EQ(inRect(sub, [&](const Rgba& c) { return !white(c); }), 0);
+    EXPECT_TRUE(near(px(close.midX() + 90, close.midY()), 240, 240, 240));
 }
 
 TEST_F(MM404H5ViewTest, WorksWithoutItsPicture) {

@@ -124,7 +124,6 @@ TEST(EncryptCommon, HexRoundTripsEveryByteValue) {
     std::string upper = hex;
     for (auto& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     EXPECT_EQ(EncryptCommon::stringToHexData(upper), all);
-    EXPECT_EQ(EncryptCommon::dataToHexString(Bytes{0x00, 0x7F, 0x80, 0xFF}), "007f80ff");
     EXPECT_EQ(EncryptCommon::dataToHexString(Bytes{}), "");
 }
 
@@ -155,11 +154,8 @@ TEST(EncryptCommon, Base64AgreesWithTheOpenSSLToolAndNeverBreaksLines) {
         EXPECT_EQ(*encoded, std::string(reference->begin(), reference->end())) << size;
         EXPECT_EQ(EncryptCommon::decodeBase64(*encoded), data) << size;
     }
-    // 100 bytes: 136 characters on one line (the tool without -A would wrap at 64).
-    const auto hundred = common.Base64EncodingWithData(Bytes(100, 0xA5));
-    ASSERT_TRUE(hundred.has_value());
-    EXPECT_EQ(hundred->size(), 136u);
-    EXPECT_FALSE(EncryptCommon::decodeBase64(hundred->substr(0, 64) + "\n" + hundred->substr(64)).has_value());
+    // Decoding takes no line breaks either, even where the length would fit.
+    EXPECT_FALSE(EncryptCommon::decodeBase64("Zm9v\nYmF").has_value());
 }
 
 TEST(EncryptCommon, Base64OfAbsentDataLogsAndGivesNothing) {
@@ -223,6 +219,7 @@ struct RefusalRow {
     std::size_t keySize;
     std::optional<std::size_t> ivSize;
     std::string line;  // empty: refused silently
+    std::size_t contentSize = 32;
 };
 
 class EncryptCommonAesRefusal : public ::testing::TestWithParam<RefusalRow> {};
@@ -231,7 +228,7 @@ TEST_P(EncryptCommonAesRefusal, GivesNothingWithItsLogLine) {
     const auto& row = GetParam();
     LogCapture log;
     const Bytes key(row.keySize, 0x11);
-    const Bytes content(32, 0x22);
+    const Bytes content(row.contentSize, 0x22);
     const Bytes iv(row.ivSize.value_or(0), 0x33);
     const EncryptCommon::Bytes keyArg = row.keySize ? EncryptCommon::Bytes(key) : std::nullopt;
     const EncryptCommon::Bytes contentArg = row.withContent ? EncryptCommon::Bytes(content) : std::nullopt;
@@ -276,22 +273,9 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalRow{"DecEmptyIV", true, true, 256, 32, 0, "iv vector is shorter than 16 bytes"},
         RefusalRow{"EncAbsentKeySilent", false, true, 128, 0, 16, ""},
         RefusalRow{"DecAbsentKeySilent", true, true, 256, 0, std::nullopt, ""},
-        RefusalRow{"DecBadPaddingSilent", true, true, 128, 16, 16, ""}),  // 32 bytes of 0x22 do not unpad
+        RefusalRow{"DecBadPaddingSilent", true, true, 128, 16, 16, ""},  // 32 bytes of 0x22 do not unpad
+        RefusalRow{"DecMisalignedSilent", true, true, 128, 16, std::nullopt, "", 31}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST(EncryptCommon, AesWithAbsentIVUsesTheZeroIV) {
-    const Bytes key = OpenSSLTool::randomBytes(16, 77);
-    const Bytes plain = OpenSSLTool::randomBytes(16, 78);
-    const auto cipher = EncryptCommon::AESEncryWithkey(key, 128, plain, std::nullopt);
-    ASSERT_TRUE(cipher.has_value());
-    EXPECT_EQ(cipher->size(), 32u);
-    EXPECT_EQ(cipher, EncryptCommon::AESEncryWithkey(key, 128, plain, Bytes(16, 0)));
-    EXPECT_EQ(EncryptCommon::AESDecryWithkey(key, 128, *cipher, std::nullopt), plain);
-    // Misaligned ciphertext is refused silently.
-    LogCapture log;
-    EXPECT_FALSE(EncryptCommon::AESDecryWithkey(key, 128, Bytes(cipher->begin(), cipher->end() - 1), std::nullopt));
-    EXPECT_TRUE(log.lines().empty());
-}
 
 TEST(EncryptCommon, WrongKeyDecryptionFailsSilently) {
     LogCapture log;

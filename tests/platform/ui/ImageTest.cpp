@@ -140,14 +140,10 @@ TEST(Image, PNGRoundTripKeepsPixelsAndReadsTheScaleFromTheName) {
 }
 
 TEST_F(ScreenScale, ImageNamedPrefersTheScreensScale) {
-    TempFolder folder;
-    const Color red = Color::colorWithRed(1, 0, 0, 1);
-    const Color green = Color::colorWithRed(0, 1, 0, 1);
-    const Color blue = Color::colorWithRed(0, 0, 1, 1);
-    solid(red, {1, 1}, 1)->writeToFile(folder / "icon.png");
-    solid(green, {1, 1}, 2)->writeToFile(folder / "icon@2x.png");
-    solid(blue, {1, 1}, 3)->writeToFile(folder / "icon@3x.png");
-    solid(blue, {1, 1}, 3)->writeToFile(folder / "only@3x.png");
+    TempFolder folder;  // which file was read shows in the scale of the image
+    for (const auto& [name, scale] : {std::pair{"icon.png", 1.0}, {"icon@2x.png", 2.0}, {"icon@3x.png", 3.0},
+                                      {"only@3x.png", 3.0}})
+        ASSERT_TRUE(solid(Color::whiteColor(), {1, 1}, scale)->writeToFile(folder / name));
     struct Row {
         double screen;
         const char* name;
