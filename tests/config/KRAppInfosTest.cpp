@@ -157,6 +157,19 @@ TEST_F(KRAppInfosTest, EveryShareLogsTheDescription) {
     KRAppInfos& second = KRAppInfos::share();
     EXPECT_EQ(&first, &second);
     EXPECT_EQ(capture.lines(), (std::vector<std::string>{first.debugDescription(), first.debugDescription()}));
+
+    // A change made through a setter shows in the very next line.
+    const auto before = first.deviceName();
+    first.setDeviceName("renamed-for-the-test");
+    KRAppInfos::share();
+    first.resetBundleName("com.renamed.app");
+    KRAppInfos::share();
+    first.setDeviceName(before);
+    first.setReplaceBundleName(std::nullopt);
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_NE(lines[2].find("deviceName = renamed-for-the-test;"), std::string::npos) << lines[2];
+    EXPECT_NE(lines[3].find("replaceBundleName = com.renamed.app;"), std::string::npos) << lines[3];
 }
 
 TEST(KRAppInfosUrlWith, JoinsWithoutSeparator) {
