@@ -25,11 +25,11 @@ for f in sorted(pathlib.Path(sys.argv[1]).glob("*.json")):
         # The median of the repetitions: steadier than the mean on a shared machine.
         if b.get("run_type") != "aggregate" or b.get("aggregate_name") != "median":
             continue
-        m = re.match(r"(KR|BASE|REF)_([^/]+)(.*?)(_median)?$", b["name"])
+        m = re.match(r"(KR|BASE|REF)_([^/]+?)(/.*?)?(_median)?$", b["name"])
         if not m:
             continue
         kind, case, rest, _ = m.groups()
-        rest = rest.replace("/real_time", "")
+        rest = (rest or "").replace("/real_time", "")
         rows.setdefault((f.stem, case + rest), {})[kind] = b
 def t(b):
     unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b["time_unit"]]
