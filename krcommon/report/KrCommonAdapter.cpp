@@ -110,30 +110,12 @@ void KrCommonAdapter::isSetBaseLoginInfo(bool locked) {
     isSetLoginInfo_ = locked;
 }
 
-bool KrCommonAdapter::isSetLoginInfo() const {
-    std::lock_guard lock(mutex_);
-    return isSetLoginInfo_;
-}
-std::int64_t KrCommonAdapter::businessType() const {
-    std::lock_guard lock(mutex_);
-    return businessType_;
-}
-Value KrCommonAdapter::protocolVersion() const {
-    std::lock_guard lock(mutex_);
-    return protocolVersion_;
-}
-Value KrCommonAdapter::clientVersion() const {
-    std::lock_guard lock(mutex_);
-    return clientVersion_;
-}
-Value KrCommonAdapter::sdkVersion() const {
-    std::lock_guard lock(mutex_);
-    return sdkVersion_;
-}
-Value KrCommonAdapter::deviceId() const {
-    std::lock_guard lock(mutex_);
-    return deviceId_;
-}
+bool KrCommonAdapter::isSetLoginInfo() const { return locked(isSetLoginInfo_); }
+std::int64_t KrCommonAdapter::businessType() const { return locked(businessType_); }
+Value KrCommonAdapter::protocolVersion() const { return locked(protocolVersion_); }
+Value KrCommonAdapter::clientVersion() const { return locked(clientVersion_); }
+Value KrCommonAdapter::sdkVersion() const { return locked(sdkVersion_); }
+Value KrCommonAdapter::deviceId() const { return locked(deviceId_); }
 
 // ---- Statistics.
 

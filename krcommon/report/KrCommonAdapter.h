@@ -150,6 +150,12 @@ private:
     platform::Value batchBodyLocked(platform::Array queue) const;
     /// requestReportStatisticsInfo() for a body already held as a Value.
     void upload(const platform::Value& body);
+    /// A copy of `field`, read under the lock.
+    template <class T>
+    T locked(const T& field) const {
+        std::lock_guard lock(mutex_);
+        return field;
+    }
     /// The queue file's records; a file that is missing or not an array reads as none.
     platform::Array readQueueLocked(const std::string& path);
 

@@ -28,9 +28,9 @@ TEST(KrCommonAdapterCrash, EverySurvivingQueueFileHoldsWholeRecords) {
     test::TempAppHome home;
     const std::string port = std::to_string(test::closedPort());
     const std::string queuePath = home.library() + "/kr_sdks_kvstorage/statisticsInfoList";
-    const auto seed = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
-    std::mt19937 random(seed);
-    SCOPED_TRACE("seed " + std::to_string(seed));
+    const auto start = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
+    std::mt19937 random(start);
+    SCOPED_TRACE("random start " + std::to_string(start));
 
     std::string program = KRCOMMON_REPORT_CRASH_CHILD;
     std::string homeArg = home.path();
