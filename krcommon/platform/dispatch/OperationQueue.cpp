@@ -166,6 +166,33 @@ std::size_t OperationQueue::operationCount() const {
     return impl_->pending.size() + impl_->running;
 }
 
+bool OperationQueue::claimIfIdle(const void*& previous) {
+    {
+        std::lock_guard lock(impl_->mutex);
+        if (impl_->closing || !impl_->pending.empty() || impl_->running >= impl_->width()) return false;
+        ++impl_->running;
+    }
+    previous = currentQueue;
+    currentQueue = impl_.get();
+    return true;
+}
+
+void OperationQueue::releaseClaim(const void* previous) noexcept {
+    currentQueue = previous;
+    bool wake = false;
+    {
+        std::lock_guard lock(impl_->mutex);
+        --impl_->running;
+        if (impl_->isEmpty()) impl_->finishedCv.notify_all();
+        // What was added meanwhile found the queue full and started no worker.
+        if (impl_->canStart()) {
+            Impl::schedule(impl_);
+            wake = true;
+        }
+    }
+    if (wake) impl_->workCv.notify_one();
+}
+
 bool OperationQueue::isCurrent() const noexcept { return currentQueue == impl_.get(); }
 
 }  // namespace krcommon::platform

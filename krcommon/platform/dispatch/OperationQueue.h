@@ -44,6 +44,23 @@ public:
     /// for an empty operation.
     void addOperation(std::function<void()> operation);
 
+    /// Runs `operation` at once on the calling thread, as one of this queue's operations,
+    /// when the queue could start it now without passing anything queued before it: nothing
+    /// waits and fewer than maxConcurrentOperationCount() operations run. While it runs,
+    /// isCurrent() is true on the calling thread and it counts in operationCount().
+    /// Otherwise returns false without running it.
+    ///
+    /// For a producer that would otherwise hand its work to an idle queue and wait for a
+    /// worker to wake. An exception escaping `operation` ends the process, as on a worker.
+    template <class Operation>
+    bool runIfIdle(Operation&& operation) {
+        const void* previous = nullptr;
+        if (!claimIfIdle(previous)) return false;
+        [&]() noexcept { operation(); }();
+        releaseClaim(previous);
+        return true;
+    }
+
     /// Blocks until no operation is queued or running (including ones added meanwhile).
     /// Throws InternalInconsistencyException when called from one of this queue's operations,
     /// which would wait for itself.
@@ -56,6 +73,9 @@ public:
     [[nodiscard]] bool isCurrent() const noexcept;
 
 private:
+    bool claimIfIdle(const void*& previous);
+    void releaseClaim(const void* previous) noexcept;
+
     struct Impl;
     std::shared_ptr<Impl> impl_;  // shared with the workers, which may outlive this object
 };

@@ -158,9 +158,16 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     // Worker-only state.
     CURLM* multi = nullptr;
     std::thread worker;
+    // Events posted by the worker wait for the end of its round: then the worker runs
+    // them itself when the delegate queue is idle, and saves waking a queue thread.
+    bool drainAfterRound = false;
+    // Set when the session is dropped from a delegate event the worker is running:
+    // the worker cannot join itself, so it keeps the engine alive until it ends.
+    std::shared_ptr<SessionEngine> selfUntilEnd;
     std::unordered_map<CURL*, std::unique_ptr<Transfer>> transfers;
     std::vector<CURL*> idleHandles;
     std::vector<Transfer*> withPendingData;
+    Clock::time_point roundStart{};  // when the worker last entered the multi handle
 
     ~SessionEngine();
 
@@ -186,6 +193,9 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     void answerResponse(const std::shared_ptr<DispositionGate>& gate, const std::shared_ptr<URLSessionTask>& task,
                         bool allow);
     void drainEvents();
+    void drainOnWorker();
+    void handOffDrain();
+    [[nodiscard]] bool onWorker() const noexcept;
 
     // Worker thread.
     void run();
@@ -234,7 +244,11 @@ struct Transfer {
         if (!downloadPath.empty()) ::unlink(downloadPath.c_str());
     }
     void touched() { lastProgress = Clock::now(); }
+    // From curl's callbacks, many per round: the round's start time is close enough for an idle timeout.
+    void progressed();
 };
+
+inline void Transfer::progressed() { lastProgress = engine->roundStart; }
 
 }  // namespace detail
 
@@ -248,7 +262,7 @@ namespace {
 std::size_t onHeader(char* buffer, std::size_t size, std::size_t count, void* user) {
     auto& t = *static_cast<Transfer*>(user);
     const std::size_t length = size * count;
-    t.touched();
+    t.progressed();
     std::string_view line(buffer, length);
     if (line.starts_with("HTTP/")) {
         t.responseHeaders.clear();  // a new header block: after 1xx, or a redirect followed
@@ -271,7 +285,7 @@ std::size_t onHeader(char* buffer, std::size_t size, std::size_t count, void* us
 std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* user) {
     auto& t = *static_cast<Transfer*>(user);
     const std::size_t length = size * count;
-    t.touched();
+    t.progressed();
     if (!t.responseDelivered) t.engine->deliverResponse(t);
     if (t.task->state() == URLSessionTaskState::Canceling) return 0;  // any short count stops the transfer
     SessionEngine::countReceived(*t.task, length);
@@ -290,7 +304,7 @@ int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t upload
     auto& t = *static_cast<Transfer*>(user);
     if (uploaded != t.lastUploaded) {
         t.lastUploaded = uploaded;
-        t.touched();
+        t.progressed();
     }
     return 0;
 }
@@ -373,6 +387,12 @@ struct ResponseAnswer {
 
 namespace detail {
 
+namespace {
+thread_local const SessionEngine* workerOf = nullptr;  // the engine whose worker this thread is
+}  // namespace
+
+bool SessionEngine::onWorker() const noexcept { return workerOf == this; }
+
 SessionEngine::~SessionEngine() {
     if (multi) curl_multi_cleanup(multi);  // the worker has ended: wake-ups after it are harmless
     for (X509* anchor : anchors) X509_free(anchor);
@@ -391,8 +411,14 @@ void SessionEngine::shutdown() {
     }
     stopping.store(true);
     wakeWaiters();
-    if (multi) curl_multi_wakeup(multi);
-    if (worker.joinable()) worker.join();
+    if (onWorker()) {
+        // Dropped from an event the worker runs: it stops at the top of its loop.
+        selfUntilEnd = shared_from_this();
+        worker.detach();
+    } else {
+        if (multi) curl_multi_wakeup(multi);
+        if (worker.joinable()) worker.join();
+    }
     // Commands the worker did not take before it ended: a task still waiting to
     // start ends cancelled, a cancel has nothing left to do. Both hold the task,
     // and the task holds this engine, so they must not stay behind.
@@ -463,9 +489,34 @@ void SessionEngine::post(std::function<void()> event) {
     {
         std::lock_guard lock(eventMutex);
         events.push_back(std::move(event));
-        if (!drainScheduled) schedule = drainScheduled = true;
+        if (!drainScheduled) {
+            drainScheduled = true;
+            if (onWorker()) {
+                drainAfterRound = true;
+            } else {
+                schedule = true;
+            }
+        }
     }
     if (schedule) delegateQueue->addOperation([self = shared_from_this()] { self->drainEvents(); });
+}
+
+// At the end of a worker round: runs what the round posted, here when the
+// delegate queue is idle, else on the queue.
+void SessionEngine::drainOnWorker() {
+    if (!drainAfterRound) return;
+    drainAfterRound = false;
+    auto self = shared_from_this();  // the events may drop the session, and with it this engine
+    if (!delegateQueue->runIfIdle([this] { drainEvents(); })) {
+        delegateQueue->addOperation([self] { self->drainEvents(); });
+    }
+}
+
+// Before the worker blocks with events still waiting for its round.
+void SessionEngine::handOffDrain() {
+    if (!drainAfterRound) return;
+    drainAfterRound = false;
+    delegateQueue->addOperation([self = shared_from_this()] { self->drainEvents(); });
 }
 
 void SessionEngine::postForTask(const std::shared_ptr<DispositionGate>& gate,
@@ -545,6 +596,7 @@ void SessionEngine::drainEvents() {
 }
 
 void SessionEngine::run() {
+    workerOf = this;
     while (true) {
         std::vector<std::shared_ptr<URLSessionTask>> starting;
         std::vector<std::shared_ptr<URLSessionTask>> cancelling;
@@ -558,6 +610,7 @@ void SessionEngine::run() {
         for (auto& task : cancelling) cancelTransfer(task);
 
         int active = 0;
+        roundStart = Clock::now();
         curl_multi_perform(multi, &active);
         while (true) {
             int left = 0;
@@ -570,6 +623,7 @@ void SessionEngine::run() {
 
         const auto now = Clock::now();
         expireIdleTransfers(now);
+        drainOnWorker();
 
         long wait = 1000;
         curl_multi_timeout(multi, &wait);
@@ -593,6 +647,9 @@ void SessionEngine::run() {
     transfers.clear();
     for (CURL* easy : idleHandles) curl_easy_cleanup(easy);
     idleHandles.clear();
+    workerOf = nullptr;
+    // Last: may destroy this engine, when its session was dropped on this thread.
+    auto keep = std::move(selfUntilEnd);
 }
 
 void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
@@ -922,6 +979,8 @@ bool SessionEngine::decideTrust(Transfer& t, X509_STORE_CTX* context) {
 
     auto answer = std::make_shared<ChallengeAnswer>();
     answer->engine = shared_from_this();
+    // The worker waits below for the answer, so the challenge (and what this
+    // round posted before it) goes to the delegate queue's own thread.
     post([self = shared_from_this(), challenge, trust, guard = std::make_shared<AnswerGuard>(answer)] {
         auto session = self->session.lock();
         auto delegate = self->delegate.lock();
@@ -937,6 +996,7 @@ bool SessionEngine::decideTrust(Transfer& t, X509_STORE_CTX* context) {
                                      });
     });
 
+    handOffDrain();
     {
         std::unique_lock lock(waitMutex);
         waitCondition.wait(lock, [&] {

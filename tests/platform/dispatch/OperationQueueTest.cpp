@@ -7,6 +7,7 @@
 #include <chrono>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -101,6 +102,97 @@ TEST(OperationQueue, DroppingTheLastReferenceInsideAnOperationIsSafe) {
             EXPECT_TRUE(eventually([&] { return watch.expired(); }));
         }
     }
+}
+
+// runIfIdle runs on the calling thread only when the queue could start the operation now
+// without passing queued work; it then counts as one of the queue's operations.
+TEST(OperationQueue, RunIfIdleRunsHereOnlyWhenTheQueueCouldStartItNow) {
+    struct Case {
+        const char* name;
+        int width;
+        int running;  // operations already running on workers
+        int queued;   // operations waiting behind those
+        bool runsHere;
+    };
+    const Case cases[] = {
+        {"idle serial", 1, 0, 0, true},
+        {"serial, one running", 1, 1, 0, false},
+        {"width two, one running", 2, 1, 0, true},
+        {"width two, full", 2, 2, 0, false},
+        {"width two, full with one queued", 2, 2, 1, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        OperationQueue queue(c.width);
+        std::atomic<bool> release{false};
+        std::atomic<int> started{0};
+        for (int i = 0; i < c.running + c.queued; ++i) {
+            queue.addOperation([&] {
+                ++started;
+                eventually([&] { return release.load(); });
+            });
+        }
+        ASSERT_TRUE(eventually([&] { return started.load() == c.running; }));
+        bool current = false;
+        std::size_t countInside = 0;
+        std::thread::id ranOn;
+        const bool ran = queue.runIfIdle([&] {
+            current = queue.isCurrent();
+            countInside = queue.operationCount();
+            ranOn = std::this_thread::get_id();
+        });
+        EXPECT_EQ(ran, c.runsHere);
+        if (c.runsHere) {
+            EXPECT_TRUE(current);
+            EXPECT_EQ(countInside, static_cast<std::size_t>(c.running + c.queued + 1));
+            EXPECT_EQ(ranOn, std::this_thread::get_id());
+        } else {
+            EXPECT_EQ(ranOn, std::thread::id());  // not run at all
+        }
+        EXPECT_FALSE(queue.isCurrent());
+        release = true;
+        queue.waitUntilAllOperationsAreFinished();
+        EXPECT_EQ(queue.operationCount(), 0u);
+    }
+}
+
+// Work added while an operation runs here waits for it (the queue is serial), then
+// starts on a worker; waiting for the queue waits for the operation running here too.
+TEST(OperationQueue, RunIfIdleKeepsTheQueueSerialAndWaitable) {
+    OperationQueue queue(1);
+    std::atomic<bool> release{false};
+    std::atomic<bool> insideDone{false};
+    std::vector<std::string> order;
+    std::mutex mutex;
+    std::thread::id addedRanOn;
+    std::thread::id runnerId;
+    std::thread runner([&] {
+        runnerId = std::this_thread::get_id();
+        queue.runIfIdle([&] {
+            queue.addOperation([&] {
+                std::lock_guard lock(mutex);
+                order.push_back("added");
+                addedRanOn = std::this_thread::get_id();
+            });
+            eventually([&] { return release.load(); });
+            std::lock_guard lock(mutex);
+            order.push_back("inline");
+            insideDone = true;
+        });
+    });
+    ASSERT_TRUE(eventually([&] { return queue.operationCount() == 2; }));
+    EXPECT_FALSE(queue.runIfIdle([] { ADD_FAILURE() << "ran while the serial queue was busy"; }));
+    auto waited = std::async(std::launch::async, [&] {
+        queue.waitUntilAllOperationsAreFinished();
+        return insideDone.load();
+    });
+    EXPECT_EQ(waited.wait_for(50ms), std::future_status::timeout);
+    release = true;
+    EXPECT_TRUE(waited.get());
+    runner.join();
+    queue.waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(order, (std::vector<std::string>{"inline", "added"}));
+    EXPECT_NE(addedRanOn, runnerId);
 }
 
 }  // namespace

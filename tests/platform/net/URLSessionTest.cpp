@@ -375,6 +375,48 @@ TEST_F(URLSessionTest, DroppingTheSessionCancelsWhatIsRunningWithoutEvents) {
     EXPECT_TRUE(recorder->completions.empty());
 }
 
+// The delegate holds the only reference to its session and drops it in the
+// completion, for one task and for the last of several: the session ends there
+// and then, with nothing left running and no event after.
+TEST_F(URLSessionTest, SessionDroppedByItsDelegateInsideACompletionEndsCleanly) {
+    struct Dropper final : URLSessionDelegate, URLSessionTaskCompletionDelegate {
+        std::shared_ptr<URLSession> session;
+        std::atomic<int> completions{0};
+        std::atomic<int> afterDrop{0};
+        int dropAt = 1;
+        void didCompleteWithError(const std::shared_ptr<URLSession>&, const std::shared_ptr<URLSessionTask>&,
+                                  const std::shared_ptr<Error>&) override {
+            if (!session) ++afterDrop;
+            if (++completions == dropAt) session.reset();
+        }
+    };
+    for (int tasks : {1, 3}) {
+        SCOPED_TRACE(tasks);
+        auto dropper = std::make_shared<Dropper>();
+        dropper->dropAt = tasks;
+        auto queue = std::make_shared<OperationQueue>(1);
+        dropper->session = URLSession::sessionWithConfiguration(configuration, dropper, queue);
+        const std::weak_ptr<URLSession> watch = dropper->session;
+        std::vector<std::shared_ptr<URLSessionDataTask>> started;
+        for (int i = 0; i < tasks; ++i) {
+            started.push_back(dropper->session->dataTaskWithRequest(requestFor(url("/hello"))));
+            started.back()->resume();
+        }
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!watch.expired() && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        ASSERT_TRUE(watch.expired());
+        queue->waitUntilAllOperationsAreFinished();
+        EXPECT_EQ(dropper->completions.load(), tasks);
+        EXPECT_EQ(dropper->afterDrop.load(), 0);
+        for (const auto& task : started) {
+            EXPECT_EQ(task->state(), URLSessionTaskState::Completed);
+            EXPECT_EQ(task->error(), nullptr);
+        }
+    }
+}
+
 // ---- TLS
 
 class URLSessionTrustTest : public ::testing::Test {
