@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -219,12 +220,20 @@ void appendIndent(std::string& out, int depth) { out.append(static_cast<std::siz
 // Strings inside collections print bare when they consist only of characters
 // the old-style property-list syntax allows unquoted; otherwise quoted with
 // backslash escapes and \Uxxxx for non-ASCII UTF-16 units.
+constexpr auto plainCharacters = [] {
+    std::array<bool, 256> plain{};
+    for (int c = 0; c < 256; ++c) {
+        plain[static_cast<std::size_t>(c)] = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                                             (c >= '0' && c <= '9') || c == '_' || c == '$' || c == '/' || c == ':' ||
+                                             c == '.' || c == '-';
+    }
+    return plain;
+}();
+
 bool needsQuotes(std::string_view s) {
     if (s.empty()) return true;
     for (unsigned char c : s) {
-        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-                           c == '$' || c == '/' || c == ':' || c == '.' || c == '-';
-        if (!plain) return true;
+        if (!plainCharacters[c]) return true;
     }
     return false;
 }
@@ -246,7 +255,16 @@ void appendQuoted(std::string& out, std::string_view s) {
                         std::snprintf(buf, sizeof buf, "\\%03o", c);
                         out += buf;
                     } else {
-                        out.push_back(static_cast<char>(c));
+                        // A run of printable ASCII goes in one piece.
+                        std::size_t end = i + 1;
+                        while (end < s.size()) {
+                            const auto next = static_cast<unsigned char>(s[end]);
+                            if (next < 0x20 || next >= 0x80 || next == '"' || next == '\\') break;
+                            ++end;
+                        }
+                        out.append(s.data() + i, end - i);
+                        i = end;
+                        continue;
                     }
             }
             ++i;

@@ -428,6 +428,8 @@ private:
 // platform's writer use: a tab per level, "<dict/>" and "<array/>" for empty
 // collections, reals with 17 significant digits, data in Base64 lines whose
 // width shrinks with the depth, dates to the second in UTC.
+using namespace std::string_view_literals;
+
 class XMLWriter {
 public:
     bool write(const Value& value, int depth) {
@@ -437,9 +439,9 @@ public:
                 char digits[24];
                 const auto end = std::to_chars(digits, digits + sizeof digits, *value.integerValue()).ptr;
                 indent(depth);
-                out += "<integer>";
+                out += "<integer>"sv;
                 out.append(digits, end);
-                out += "</integer>\n";
+                out += "</integer>\n"sv;
                 return true;
             }
             case Value::Kind::Real: real(depth, *value.realValue()); return true;
@@ -447,9 +449,9 @@ public:
                 const std::string& text = *value.string();
                 if (!representable(text)) return false;
                 indent(depth);
-                out += "<string>";
+                out += "<string>"sv;
                 escaped(text);
-                out += "</string>\n";
+                out += "</string>\n"sv;
                 return true;
             }
             case Value::Kind::Data: data(depth, *value.data()); return true;
@@ -478,9 +480,9 @@ public:
                 for (const auto& [key, item] : members) {
                     if (!representable(key)) return false;
                     indent(depth + 1);
-                    out += "<key>";
+                    out += "<key>"sv;
                     escaped(key);
-                    out += "</key>\n";
+                    out += "</key>\n"sv;
                     if (!write(item, depth + 1)) return false;
                 }
                 line(depth, "</dict>");
@@ -509,7 +511,16 @@ private:
         return true;
     }
 
-    void indent(int depth) { out.append(static_cast<std::size_t>(depth), '\t'); }
+    void indent(int depth) {
+        static constexpr std::string_view tabs = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
+        if (depth <= 0) return;
+        const auto count = static_cast<std::size_t>(depth);
+        if (count <= tabs.size()) {
+            out.append(tabs.data(), count);
+        } else {
+            out.append(count, '\t');
+        }
+    }
     void line(int depth, std::string_view text) {
         indent(depth);
         out += text;
@@ -519,11 +530,17 @@ private:
     // Only the three characters markup needs are escaped.
     void escaped(std::string_view text) {
         std::size_t from = 0;
-        for (std::size_t i = 0; i < text.size(); ++i) {
+        std::size_t i = 0;
+        while (i < text.size() && text[i] != '&' && text[i] != '<' && text[i] != '>') ++i;
+        if (i == text.size()) {  // the usual case: nothing to escape
+            out += text;
+            return;
+        }
+        for (; i < text.size(); ++i) {
             const char c = text[i];
             if (c != '&' && c != '<' && c != '>') continue;
             out.append(text.data() + from, i - from);
-            out += c == '&' ? "&amp;" : c == '<' ? "&lt;" : "&gt;";
+            out += c == '&' ? "&amp;"sv : c == '<' ? "&lt;"sv : "&gt;"sv;
             from = i + 1;
         }
         out.append(text.data() + from, text.size() - from);

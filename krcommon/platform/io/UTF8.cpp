@@ -31,6 +31,10 @@ bool UTF8::isValid(std::string_view text) noexcept {
             i += 8;
         }
         if (i >= text.size()) break;
+        if (static_cast<unsigned char>(text[i]) < 0x80) {
+            ++i;
+            continue;
+        }
         const std::size_t n = sequenceLength(text.substr(i));
         if (n == 0) return false;
         i += n;

@@ -22,6 +22,7 @@ TEST(Value, DescriptionsMatchThePlatform) {
         {Value(Dictionary{{"b", 2}, {"a", Array{"x"}}}), "{\n    a =     (\n        x\n    );\n    b = 2;\n}"},
         {Value(Dictionary{{"k", ""}}), "{\n    k = \"\";\n}"},
         {Value(Dictionary{{"k", "\xC3\xA9\"\n"}}), "{\n    k = \"\\U00e9\\\"\\n\";\n}"},
+        {Value(Array{"ab c\"d\\e\tf\x01g\xE4\xB8\xADh"}), "(\n    \"ab c\\\"d\\\\e\\tf\\001g\\U4e2dh\"\n)"},
     };
     for (const auto& row : rows) EXPECT_EQ(row.value.description(), row.text);
 }

@@ -105,9 +105,11 @@ TEST(PropertyList, RoundTripsThroughXMLAndBinary) {
 TEST(PropertyList, WritesTheLayoutLibplistWrites) {
     Value nested = Data(200, 0x5A);
     for (int depth = 0; depth < 11; ++depth) nested = Array{Data{1, 2, 3, 4, 5, 6, 7}, nested, Data(97, 0xC3)};
+    Value deep = "x&y>";  // deeper than the writer's run of ready-made tabs
+    for (int depth = 0; depth < 24; ++depth) deep = Dictionary{{"k<" + std::to_string(depth), deep}, {"n", depth}};
     Value kinds = everyKind();
     kinds.dictionary()->set("dates", Array{Date{-5364662400.0}, Date{253402300799.0}, Date{1700000000.75}});
-    for (const Value& value : {kinds, nested, Value(Array{NAN, INFINITY, -INFINITY, 0.0}), Value("top")}) {
+    for (const Value& value : {kinds, nested, deep, Value(Array{NAN, INFINITY, -INFINITY, 0.0}), Value("top")}) {
         const auto ours = PropertyList::writeXML(value);
         ASSERT_TRUE(ours);
         plist_t node = nullptr;
