@@ -217,9 +217,7 @@ namespace {
 
 void appendIndent(std::string& out, int depth) { out.append(static_cast<std::size_t>(depth) * 4, ' '); }
 
-// Strings inside collections print bare when they consist only of characters
-// the old-style property-list syntax allows unquoted; otherwise quoted with
-// backslash escapes and \Uxxxx for non-ASCII UTF-16 units.
+// The characters the old-style property-list syntax allows in an unquoted string.
 constexpr auto plainCharacters = [] {
     std::array<bool, 256> plain{};
     for (int c = 0; c < 256; ++c) {
@@ -230,6 +228,9 @@ constexpr auto plainCharacters = [] {
     return plain;
 }();
 
+// Strings inside collections print bare when they consist only of characters
+// the old-style property-list syntax allows unquoted; otherwise quoted with
+// backslash escapes and \Uxxxx for non-ASCII UTF-16 units.
 bool needsQuotes(std::string_view s) {
     if (s.empty()) return true;
     for (unsigned char c : s) {

@@ -424,12 +424,12 @@ private:
 
 // ---------------------------------------------------------------- Values to XML
 
+using namespace std::string_view_literals;
+
 // Writes XML property lists directly, in the layout libplist and the
 // platform's writer use: a tab per level, "<dict/>" and "<array/>" for empty
 // collections, reals with 17 significant digits, data in Base64 lines whose
 // width shrinks with the depth, dates to the second in UTC.
-using namespace std::string_view_literals;
-
 class XMLWriter {
 public:
     bool write(const Value& value, int depth) {
