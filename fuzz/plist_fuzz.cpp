@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 
 using namespace krcommon::platform;
@@ -59,6 +60,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
     const auto value = PropertyList::parse(bytes);
     if (!value || (!value->isArray() && !value->isDictionary())) return 0;
+    // Whatever a list holds can be described, as the statistics log lines do,
+    // and the description is one bracketed collection.
+    const std::string text = value->description();
+    if (text.empty() || text.front() != (value->isArray() ? '(' : '{') || text.back() != (value->isArray() ? ')' : '}'))
+        std::abort();
     const auto xml = PropertyList::writeXML(*value);
     if (!xml) {
         if (writable(*value)) std::abort();

@@ -322,9 +322,16 @@ void appendData(std::string& out, const Data& d) {
 
 void appendDate(std::string& out, Date date) {
     const double whole = std::floor(date.timeIntervalSince1970);
-    const auto t = static_cast<std::time_t>(whole);
+    // Beyond about two billion years a calendar date has no year to print (and
+    // a NaN none at all): such a date is shown by its interval instead.
+    constexpr double calendarLimit = 6.0e16;
     std::tm tm{};
-    gmtime_r(&t, &tm);
+    const auto t = std::isfinite(whole) && std::fabs(whole) < calendarLimit ? static_cast<std::time_t>(whole) : 0;
+    if (t != whole || !gmtime_r(&t, &tm)) {
+        out += numberDescription(date.timeIntervalSince1970);
+        out += " seconds since 1970-01-01 00:00:00 +0000";
+        return;
+    }
     char buf[64];
     std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S +0000", &tm);
     out += buf;

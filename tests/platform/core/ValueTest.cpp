@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 using namespace krcommon::platform;
 
 TEST(Value, DescriptionsMatchThePlatform) {
@@ -17,6 +19,8 @@ TEST(Value, DescriptionsMatchThePlatform) {
         {Value("plain text"), "plain text"},
         {Value(Data{0x61, 0x62, 0x63}), "{length = 3, bytes = 0x616263}"},
         {Value(Date{0}), "1970-01-01 00:00:00 +0000"},
+        {Value(Date{NAN}), "nan seconds since 1970-01-01 00:00:00 +0000"},
+        {Value(Date{-1e300}), "-1e+300 seconds since 1970-01-01 00:00:00 +0000"},
         {Value(Array{}), "(\n)"},
         {Value(Array{1, "a b"}), "(\n    1,\n    \"a b\"\n)"},
         {Value(Dictionary{{"b", 2}, {"a", Array{"x"}}}), "{\n    a =     (\n        x\n    );\n    b = 2;\n}"},
