@@ -103,6 +103,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const auto want = platform::PropertyList::writeXML(Value(expected));
         if (!file || !want || std::string_view(reinterpret_cast<const char*>(file->data()), file->size()) != *want)
             std::abort();
+
+        // The next record goes after the ones the adapter itself just wrote, the
+        // usual case, and the file must still be spelled as the writer spells it.
+        if (expected.size() < KrCommonAdapter::reportStatisMax) {
+            const Value next(platform::Dictionary{{"fuzz", "next record"}});
+            expected.push_back(next);
+            adapter->reportRequestStatInfo(next);
+            if (adapter->reporting() && !platform::MainQueue::runUntil([] { return !adapter->reporting(); }, 10))
+                std::abort();
+            const auto again = FileManager::contentsAtPath(queuePath);
+            const auto wantAgain = platform::PropertyList::writeXML(Value(expected));
+            if (!watch->writeFailed &&
+                (!again || !wantAgain ||
+                 std::string_view(reinterpret_cast<const char*>(again->data()), again->size()) != *wantAgain))
+                std::abort();
+        }
     }
     platform::MainQueue::drain();
     return 0;

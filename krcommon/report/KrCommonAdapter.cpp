@@ -14,7 +14,9 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cstring>
 #include <limits>
+#include <span>
 
 namespace krcommon {
 
@@ -161,14 +163,21 @@ std::optional<Value> KrCommonAdapter::persistLocked(Array records) {
     }
 
     const std::string queuePath = statisInfoFilePathName();
-    Value queueValue(readQueueLocked(queuePath));
+    std::string lastWritten;
+    Value queueValue(readQueueLocked(queuePath, &lastWritten));
     Array& queue = *queueValue.array();
+    const std::size_t stored = queue.size();
     queue.reserve(queue.size() + records.size() + (legacy ? legacy->size() : 0));
     std::move(records.begin(), records.end(), std::back_inserter(queue));
     if (legacy) std::move(legacy->begin(), legacy->end(), std::back_inserter(queue));
 
     SystemLog::log("statistics count [ %lu ] ********", static_cast<unsigned long>(queue.size()));
-    std::optional<std::string> text = platform::PropertyList::writeXML(queueValue);
+    // New records go after the ones in the file, so the text this adapter last
+    // wrote only needs them added, not every queued record written again.
+    std::optional<std::string> text;
+    if (!lastWritten.empty())
+        text = platform::PropertyList::appendToXMLArray(std::move(lastWritten), std::span(queue).subspan(stored));
+    if (!text) text = platform::PropertyList::writeXML(queueValue);
     if (text && FileManager::writeAtomically(queuePath, *text)) {
         queueCache_ = QueueCache{std::move(*text), queue};
     } else {
@@ -188,12 +197,14 @@ std::optional<Value> KrCommonAdapter::persistLocked(Array records) {
     return body;
 }
 
-Array KrCommonAdapter::readQueueLocked(const std::string& path) {
+Array KrCommonAdapter::readQueueLocked(const std::string& path, std::string* lastWritten) {
     std::optional<platform::Data> bytes = FileManager::contentsAtPath(path);
     if (!bytes) return {};
     // The file as this adapter last wrote it need not be parsed again.
-    if (queueCache_ && std::equal(bytes->begin(), bytes->end(), queueCache_->bytes.begin(), queueCache_->bytes.end())) {
+    if (queueCache_ && bytes->size() == queueCache_->bytes.size() &&
+        std::memcmp(bytes->data(), queueCache_->bytes.data(), bytes->size()) == 0) {
         Array records = std::move(queueCache_->records);
+        *lastWritten = std::move(queueCache_->bytes);
         queueCache_.reset();
         return records;
     }

@@ -157,7 +157,8 @@ private:
         return field;
     }
     /// The queue file's records; a file that is missing or not an array reads as none.
-    platform::Array readQueueLocked(const std::string& path);
+    /// When the file is still as this adapter last wrote it, its text moves to `lastWritten`.
+    platform::Array readQueueLocked(const std::string& path, std::string* lastWritten);
 
     // The queue file as this adapter last wrote it, with its records, so that
     // the next record need not parse it again. Checked against the file's

@@ -655,6 +655,37 @@ std::optional<std::string> PropertyList::writeXML(const Value& value, std::share
     return std::move(writer.out);
 }
 
+std::optional<std::string> PropertyList::appendToXMLArray(std::string document, std::span<const Value> items,
+                                                          std::shared_ptr<Error>* error) {
+    // A top-level array closes on a line of its own without indentation, the
+    // only "</array>" line writeXML leaves unindented; an empty one is a single
+    // "<array/>" line.
+    static constexpr std::string_view closed = "\n</array>\n</plist>\n";
+    static constexpr std::string_view empty = "\n<array/>\n</plist>\n";
+    auto endsWith = [&](std::string_view tail) {
+        return document.size() >= tail.size() && std::string_view(document).substr(document.size() - tail.size()) == tail;
+    };
+    const bool wasEmpty = !endsWith(closed);
+    if (wasEmpty && !endsWith(empty)) {
+        if (error) *error = makeError(writeErrorCode, "Property list is not an XML array to append to");
+        return std::nullopt;
+    }
+    if (items.empty()) return document;
+
+    XMLWriter writer;
+    writer.out = std::move(document);
+    writer.out.resize(writer.out.size() - (wasEmpty ? empty : closed).size() + 1);
+    if (wasEmpty) writer.out += "<array>\n"sv;
+    for (const Value& item : items) {
+        if (!writer.write(item, 1)) {
+            if (error) *error = makeError(writeErrorCode, std::move(writer.why));
+            return std::nullopt;
+        }
+    }
+    writer.out += "</array>\n</plist>\n"sv;
+    return std::move(writer.out);
+}
+
 std::optional<Value> PropertyList::readFile(const std::string& path, std::shared_ptr<Error>* error) {
     const auto bytes = FileManager::contentsAtPath(path, error);
     if (!bytes) return std::nullopt;

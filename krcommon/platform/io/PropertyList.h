@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -45,6 +46,14 @@ public:
     /// character or invalid UTF-8 and nesting deeper than maximumDepth are not
     /// representable: the answer is nullopt and `error` (3851) says why.
     static std::optional<std::string> writeXML(const Value& value, std::shared_ptr<Error>* error = nullptr);
+
+    /// `document`, as writeXML wrote it for a top-level array, with `items`
+    /// appended to that array: the very text writeXML gives for the longer
+    /// array, made without writing the items already there again. Nullopt when
+    /// `document` does not end as such a list does, or when an item is not
+    /// representable (`error` then says why, as writeXML's would).
+    static std::optional<std::string> appendToXMLArray(std::string document, std::span<const Value> items,
+                                                       std::shared_ptr<Error>* error = nullptr);
 
     /// Reads and parses the file at `path`. A file that cannot be read gives the
     /// file manager's POSIX error.

@@ -207,6 +207,41 @@ TEST(PropertyList, FilesRoundTripAndWritesRefuseWhatCannotBeRepresented) {
     EXPECT_FALSE(FileManager::fileExistsAtPath(tmp / "c.plist"));
 }
 
+// Appending to a written array gives exactly what writing the longer array
+// gives, whatever the items and whether the array was empty.
+TEST(PropertyList, AppendingToAWrittenArrayWritesTheLongerArray) {
+    Value deep = "d&";
+    for (int depth = 0; depth < 20; ++depth) deep = Array{deep, depth};  // past the ready-made run of tabs
+    const Array heads[] = {{}, {1}, {everyKind(), "x<y"}, {Array{}, Dictionary{}}};
+    const Array tails[] = {{}, {"one"}, {everyKind(), deep, Data(120, 0x41), Array{}, Dictionary{}}, {Array{Array{}}}};
+    for (const Array& head : heads) {
+        for (const Array& tail : tails) {
+            Array whole = head;
+            whole.insert(whole.end(), tail.begin(), tail.end());
+            const auto appended = PropertyList::appendToXMLArray(*PropertyList::writeXML(head), tail);
+            ASSERT_TRUE(appended) << Value(whole).description();
+            EXPECT_EQ(*appended, *PropertyList::writeXML(whole)) << Value(whole).description();
+        }
+    }
+
+    // Not an array list as the writer ends one: a dictionary, a bare value, an
+    // array nested in a dictionary, text cut short.
+    const std::string list = *PropertyList::writeXML(Array{1, 2});
+    const std::string notArrays[] = {*PropertyList::writeXML(Dictionary{{"a", Array{1}}}),
+                                     *PropertyList::writeXML(Value("</array>")), list.substr(0, list.size() - 1), ""};
+    for (const std::string& document : notArrays) {
+        std::shared_ptr<Error> error;
+        EXPECT_FALSE(PropertyList::appendToXMLArray(document, Array{3}, &error)) << document;
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->code(), 3851);
+    }
+    // An item that cannot be written refuses the whole, as writing would.
+    std::shared_ptr<Error> error;
+    EXPECT_FALSE(PropertyList::appendToXMLArray(list, Array{3, Value()}, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 3851);
+}
+
 // A host that adopts a locale writing "0,5" must still read and write "0.5".
 TEST(PropertyList, RealsIgnoreTheNumericLocale) {
     locale_t comma = nullptr;
