@@ -37,14 +37,18 @@ std::atomic<std::int64_t> disableDebugLog{0};
                                                    function, "KRSDKMemberHttpManager", line);
 }
 
-// Length of UTF-8 text in UTF-16 code units, as the platform measures strings.
-std::size_t utf16Length(std::string_view text) noexcept {
+// Whether UTF-8 text is shorter than `limit` UTF-16 code units, as the
+// platform measures strings. No character takes more units than bytes, and
+// the count stops once it reaches the limit, so a long body costs little.
+bool utf16ShorterThan(std::string_view text, std::size_t limit) noexcept {
+    if (text.size() < limit) return true;
     std::size_t units = 0;
     for (unsigned char c : text) {
         if ((c & 0xC0) != 0x80) ++units;  // one unit per lead byte
         if (c >= 0xF0) ++units;           // characters past the BMP take a surrogate pair
+        if (units >= limit) return false;
     }
-    return units;
+    return true;
 }
 
 std::string upperCased(std::string_view text) {
@@ -409,7 +413,7 @@ URLRequest KRSDKMemberHttpManager::requestWithMethod(std::optional<std::string_v
     if (!request.valueForHTTPHeaderField("Content-Type")) {
         request.setValue("application/x-www-form-urlencoded", "Content-Type");
     }
-    if (!body || utf16Length(*body) < 2000) KRSDK_LOG("Common", 1, "http post data is:%@", body);
+    if (!body || utf16ShorterThan(*body, 2000)) KRSDK_LOG("Common", 1, "http post data is:%@", body);
     if (body) request.setHTTPBody(platform::Data(body->begin(), body->end()));
     return request;
 }

@@ -14,6 +14,8 @@
 
 namespace krcommon::platform {
 
+using namespace std::string_view_literals;
+
 // ---------------------------------------------------------------- Object
 
 Object::~Object() = default;
@@ -215,7 +217,12 @@ std::string numberDescription(double d) {
 
 namespace {
 
-void appendIndent(std::string& out, int depth) { out.append(static_cast<std::size_t>(depth) * 4, ' '); }
+void appendIndent(std::string& out, int depth) {
+    static constexpr std::string_view spaces = "                                                                ";
+    const auto count = static_cast<std::size_t>(depth) * 4;
+    if (count <= spaces.size()) out.append(spaces.data(), count);
+    else out.append(count, ' ');
+}
 
 // The characters the old-style property-list syntax allows in an unquoted string.
 constexpr auto plainCharacters = [] {
@@ -341,9 +348,9 @@ void appendDate(std::string& out, Date date) {
 
 void Value::appendDescription(std::string& out, int indent) const {
     switch (kind()) {
-        case Kind::Nil: out += "(null)"; return;
-        case Kind::Null: out += "<null>"; return;
-        case Kind::Boolean: out += std::get<bool>(storage_) ? "1" : "0"; return;
+        case Kind::Nil: out += "(null)"sv; return;
+        case Kind::Null: out += "<null>"sv; return;
+        case Kind::Boolean: out += std::get<bool>(storage_) ? '1' : '0'; return;
         case Kind::Integer: {
             char buf[24];
             auto [end, ec] = std::to_chars(buf, buf + sizeof buf, std::get<std::int64_t>(storage_));
@@ -363,7 +370,7 @@ void Value::appendDescription(std::string& out, int indent) const {
         case Kind::Date: appendDate(out, std::get<Date>(storage_)); return;
         case Kind::Array: {
             const auto& a = std::get<Array>(storage_);
-            out += "(\n";
+            out += "(\n"sv;
             for (std::size_t i = 0; i < a.size(); ++i) {
                 appendIndent(out, indent + 1);
                 a[i].appendDescription(out, indent + 1);
@@ -388,16 +395,16 @@ void Value::appendDescription(std::string& out, int indent) const {
             std::size_t count = 0;
             for (const auto& e : d) sorted[count++] = &e;
             std::sort(sorted, sorted + count, [](auto* a, auto* b) { return a->first < b->first; });
-            out += "{\n";
+            out += "{\n"sv;
             for (const auto* e : std::span(sorted, count)) {
                 appendIndent(out, indent + 1);
                 if (needsQuotes(e->first)) appendQuoted(out, e->first);
                 else out += e->first;
-                out += " = ";
+                out += " = "sv;
                 // The platform indents a nested collection once more after " = ".
                 if (e->second.isArray() || e->second.isDictionary()) appendIndent(out, indent + 1);
                 e->second.appendDescription(out, indent + 1);
-                out += ";\n";
+                out += ";\n"sv;
             }
             appendIndent(out, indent);
             out.push_back('}');
@@ -410,6 +417,7 @@ void Value::appendDescription(std::string& out, int indent) const {
 std::string Value::description() const {
     if (const auto* s = string()) return *s;
     std::string out;
+    out.reserve(256);
     appendDescription(out, 0);
     return out;
 }
