@@ -11,9 +11,11 @@
 #include <openssl/x509v3.h>
 
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
@@ -143,6 +145,10 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     std::vector<std::shared_ptr<URLSessionTask>> toCancel;
     bool shuttingDown = false;
     std::atomic<bool> polling{false};  // the worker is (about to be) asleep in the multi handle's poll
+    // An event counter the worker polls beside its transfers. Signalling it costs
+    // the caller less than the multi handle's own socket pair; -1 when none could
+    // be made, and the multi handle's wake-up serves instead.
+    int wakeFd = -1;
     bool delegateTakesResponses = false;  // decided once, when the session is made
 
     // Waiting for a delegate's answer to a challenge or for a wake-up.
@@ -177,7 +183,16 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     void submitCancel(std::shared_ptr<URLSessionTask> task);
     // Wakes the worker when it sleeps; a running worker sees new commands at the top of its loop.
     void wakeWorker() {
-        if (polling.load()) curl_multi_wakeup(multi);
+        if (polling.load()) signalWorker();
+    }
+    void signalWorker() {
+        if (wakeFd < 0) {
+            curl_multi_wakeup(multi);
+            return;
+        }
+        const std::uint64_t one = 1;
+        while (::write(wakeFd, &one, sizeof one) < 0 && errno == EINTR) {
+        }
     }
     [[nodiscard]] bool hasCommands() {
         std::lock_guard lock(commandMutex);
@@ -395,11 +410,13 @@ bool SessionEngine::onWorker() const noexcept { return workerOf == this; }
 
 SessionEngine::~SessionEngine() {
     if (multi) curl_multi_cleanup(multi);  // the worker has ended: wake-ups after it are harmless
+    if (wakeFd >= 0) ::close(wakeFd);
     for (X509* anchor : anchors) X509_free(anchor);
 }
 
 void SessionEngine::start() {
     multi = curl_multi_init();
+    wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, configuration.HTTPMaximumConnectionsPerHost());
     worker = std::thread([this] { run(); });
 }
@@ -416,7 +433,7 @@ void SessionEngine::shutdown() {
         selfUntilEnd = shared_from_this();
         worker.detach();
     } else {
-        if (multi) curl_multi_wakeup(multi);
+        if (multi) signalWorker();
         if (worker.joinable()) worker.join();
     }
     // Commands the worker did not take before it ended: a task still waiting to
@@ -631,7 +648,13 @@ void SessionEngine::run() {
         wait = std::min(wait, nextIdleWait(now));
         if (wait > 0) {
             polling.store(true);
-            if (!hasCommands()) curl_multi_poll(multi, nullptr, 0, static_cast<int>(wait), nullptr);
+            if (!hasCommands()) {
+                curl_waitfd wake{wakeFd, CURL_WAIT_POLLIN, 0};
+                curl_multi_poll(multi, wakeFd >= 0 ? &wake : nullptr, wakeFd >= 0 ? 1 : 0, static_cast<int>(wait),
+                                nullptr);
+                std::uint64_t signals = 0;
+                if (wake.revents != 0) (void)!::read(wakeFd, &signals, sizeof signals);  // rearms the counter
+            }
             polling.store(false);
         }
     }
