@@ -36,6 +36,10 @@ using Clock = std::chrono::steady_clock;
 
 std::once_flag curlInit;
 
+// How many idle connections a session keeps for reuse: four hosts' worth at the
+// per-host limit, at least 16; 64 when hosts have no limit.
+long idleConnectionLimit(long perHost) { return perHost <= 0 ? 64 : std::max(4 * perHost, 16L); }
+
 const char* descriptionForCode(std::int64_t code) {
     switch (code) {
         case URLErrorCancelled: return "cancelled";
@@ -418,6 +422,10 @@ void SessionEngine::start() {
     multi = curl_multi_init();
     wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, configuration.HTTPMaximumConnectionsPerHost());
+    // Idle connections stay open for reuse. libcurl's own cache limit follows the
+    // number of transfers running at the moment, so a lull between bursts would
+    // close connections the next burst must open again.
+    curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, idleConnectionLimit(configuration.HTTPMaximumConnectionsPerHost()));
     worker = std::thread([this] { run(); });
 }
 

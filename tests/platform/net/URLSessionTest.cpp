@@ -157,6 +157,10 @@ protected:
         server->route("GET", "/peer", [](const auto& req, auto& res) {
             res.set_content(std::to_string(req.remote_port), "text/plain");
         });
+        server->route("GET", "/peer/after", [](const auto& req, auto& res) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(req.get_param_value("ms"))));
+            res.set_content(std::to_string(req.remote_port), "text/plain");
+        });
         server->route("POST", "/echo", [](const auto& req, auto& res) { res.set_content(req.body, "text/plain"); });
         server->start();
         recorder = std::make_shared<Recorder>();
@@ -222,6 +226,25 @@ TEST_F(URLSessionTest, ConnectionsAreReusedBetweenSequentialTasks) {
     std::set<std::string> ports;
     for (const auto& [id, body] : recorder->bodies) ports.insert(body);
     EXPECT_EQ(ports.size(), 1u) << "each task opened a connection of its own";
+}
+
+// A burst opens as many connections as the host allows; as its tasks end one
+// by one and nothing runs, the connections stay open, so the next burst opens none.
+TEST_F(URLSessionTest, ConnectionsOfABurstOutlastTheLullAfterIt) {
+    constexpr int burst = 6;
+    configuration->setHTTPMaximumConnectionsPerHost(burst);
+    auto session = makeSession();
+    for (int round = 1; round <= 2; ++round) {
+        for (int i = 0; i < burst; ++i) {
+            // Every task needs a connection of its own, and each ends apart from the others.
+            const std::string path = "/peer/after?ms=" + std::to_string(100 + 40 * i);
+            session->dataTaskWithRequest(requestFor(url(path)))->resume();
+        }
+        ASSERT_TRUE(recorder->waitForCompletions(static_cast<std::size_t>(round * burst)));
+    }
+    std::set<std::string> ports;
+    for (const auto& [id, body] : recorder->bodies) ports.insert(body);
+    EXPECT_EQ(ports.size(), static_cast<std::size_t>(burst)) << "connections were closed between the bursts";
 }
 
 TEST_F(URLSessionTest, CookiesSetByOneTaskAreSentByTheNextAndVisibleInTheStore) {
