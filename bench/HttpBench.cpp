@@ -23,6 +23,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <thread>
@@ -60,6 +61,20 @@ const bool kQuiet = [] {
     return true;
 }();
 
+// Seconds of CPU the whole process has used: client and in-process server, all threads.
+double processSeconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// Reports the process's CPU per request in microseconds, the server's share
+// included, so that the difference between two clients is their own cost.
+void reportProcessCPU(benchmark::State& state, double since) {
+    state.counters["process_cpu_us"] =
+        benchmark::Counter((processSeconds() - since) * 1e6 / static_cast<double>(state.iterations()));
+}
+
 // ---- krcommon: the manager, callbacks pumped on the main queue
 
 void runManager(benchmark::State& state, bool post) {
@@ -91,10 +106,12 @@ void runManager(benchmark::State& state, bool post) {
     };
     for (int i = 0; i < inFlight; ++i) startOne();
     std::int64_t consumed = 0;  // answers counted so far; one pump may bring several
+    const double cpuStart = processSeconds();
     for (auto _ : state) {
         ++consumed;
         if (answered < consumed) MainQueue::runUntil([&] { return answered >= consumed; }, 30);
     }
+    reportProcessCPU(state, cpuStart);
     keepGoing = false;
     MainQueue::runUntil([&] { return manager->mutableTaskHandlerByTaskIdentifier().empty(); }, 30);
     if (failed) state.SkipWithError("requests failed");
@@ -139,6 +156,7 @@ void runCurl(benchmark::State& state, bool post) {
     std::int64_t failed = 0;
     std::int64_t finished = 0;  // one round of the multi handle may finish several
     std::int64_t consumed = 0;
+    const double cpuStart = processSeconds();
     for (auto _ : state) {
         ++consumed;
         bool done = finished >= consumed;
@@ -158,6 +176,7 @@ void runCurl(benchmark::State& state, bool post) {
             if (!done) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
         }
     }
+    reportProcessCPU(state, cpuStart);
     for (CURL* easy : handles) {
         curl_multi_remove_handle(multi, easy);
         curl_easy_cleanup(easy);
