@@ -1,12 +1,14 @@
 // Property lists, XML or binary, into Values and out as XML: a collection that
 // parses must write unless it holds something XML cannot carry, and the XML
-// must parse to an equal Value (dates to the second, which is all XML keeps).
+// must parse to an equal Value (dates to the second, which is all XML keeps);
+// an array appended to in two goes must come out as the whole written at once.
 
 #include <krcommon/platform/io/PropertyList.h>
 
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -72,5 +74,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     const auto again = PropertyList::parse(*xml);
     if (!again || !sameAfterXML(*value, *again)) std::abort();
+
+    // An array written in two goes, its first part and then the rest appended,
+    // is the very text of the whole.
+    if (const Array* items = value->array()) {
+        const std::size_t cut = items->size() / 2;
+        const auto head = PropertyList::writeXML(Array(items->begin(), items->begin() + static_cast<std::ptrdiff_t>(cut)));
+        if (!head) std::abort();
+        const auto joined = PropertyList::appendToXMLArray(*head, std::span(*items).subspan(cut));
+        if (!joined || *joined != *xml) std::abort();
+    }
     return 0;
 }
