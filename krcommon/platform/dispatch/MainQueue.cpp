@@ -2,7 +2,15 @@
 
 #include <krcommon/platform/core/Exception.h>
 
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
 #include <cmath>
 #include <condition_variable>
 #include <map>
@@ -29,9 +37,49 @@ struct Key {
     auto operator<=>(const Key&) const = default;
 };
 
+// Where the threads inside run(), runUntil() and drain() sleep. A condition
+// variable would do, but glibc marks its mutex contended whenever a waiter wakes,
+// so every wake-up of the main thread would cost a second system call when the
+// mutex is released; the pump sleeps on a futex word instead. Changes are made
+// under the queue's mutex; `signal` runs after it has been released.
+class PumpSignal {
+public:
+    // Called with the queue's mutex held: the value to sleep on if nothing is to do.
+    std::uint32_t prepare() noexcept {
+        sleepers_.fetch_add(1, std::memory_order_relaxed);
+        return word_.load(std::memory_order_relaxed);
+    }
+    // Called unlocked, after prepare(): returns on a signal, at `limit`, or spuriously.
+    void sleep(std::uint32_t seen, std::optional<MainQueue::Clock::time_point> limit) noexcept {
+        timespec at{};
+        if (limit) {
+            const auto since = limit->time_since_epoch();
+            const auto secs = std::chrono::duration_cast<std::chrono::seconds>(since);
+            at.tv_sec = static_cast<time_t>(secs.count());
+            at.tv_nsec = static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since - secs).count());
+        }
+        // Absolute time on the monotonic clock, the clock of MainQueue::Clock.
+        ::syscall(SYS_futex, &word_, FUTEX_WAIT_BITSET_PRIVATE, seen, limit ? &at : nullptr, nullptr,
+                  FUTEX_BITSET_MATCH_ANY);
+    }
+    // Called with the queue's mutex held again, after sleep().
+    void finished() noexcept { sleepers_.fetch_sub(1, std::memory_order_relaxed); }
+    // Wakes one sleeper, or all of them.
+    void signal(bool all) noexcept {
+        word_.fetch_add(1, std::memory_order_seq_cst);
+        if (sleepers_.load(std::memory_order_seq_cst) == 0) return;
+        ::syscall(SYS_futex, &word_, FUTEX_WAKE_PRIVATE, all ? INT_MAX : 1, nullptr, nullptr, 0);
+    }
+
+private:
+    static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t));
+    std::atomic<std::uint32_t> word_{0};
+    std::atomic<int> sleepers_{0};
+};
+
 struct State {
     std::mutex mutex;
-    std::condition_variable pumpCv;   // threads inside run(), runUntil(), drain()
+    PumpSignal pump;                  // threads inside run(), runUntil(), drain()
     std::condition_variable timerCv;  // the thread handing delayed jobs to a dispatcher
     std::map<Key, Job> jobs;
     std::uint64_t nextId = 1;
@@ -97,7 +145,11 @@ Step runOne(State& s, std::unique_lock<std::mutex>& lock) {
         ~Relock() {
             lock.lock();
             s.owner = previous;
-            if (!previous) s.pumpCv.notify_all();  // a pump on another thread may take the next job
+            if (!previous) {
+                // A pump on another thread may take the next job. Rare enough that
+                // the signal goes out under the lock.
+                s.pump.signal(true);
+            }
         }
     } relock{s, lock, previous};
     invoke(std::move(job));
@@ -108,10 +160,11 @@ Step runOne(State& s, std::unique_lock<std::mutex>& lock) {
 void waitForWork(State& s, std::unique_lock<std::mutex>& lock, std::optional<Clock::time_point> limit) {
     const bool mayRun = !s.dispatcher && !s.jobs.empty() && (!s.owner || *s.owner == std::this_thread::get_id());
     if (mayRun) limit = limit ? std::min(*limit, s.jobs.begin()->first.due) : s.jobs.begin()->first.due;
-    if (limit)
-        s.pumpCv.wait_until(lock, *limit);
-    else
-        s.pumpCv.wait(lock);
+    const auto seen = s.pump.prepare();
+    lock.unlock();
+    s.pump.sleep(seen, limit);
+    lock.lock();
+    s.pump.finished();
 }
 
 // Hands every due job to the dispatcher, in order. Called and returns with `lock` held.
@@ -142,6 +195,7 @@ void handOverDue(State& s, std::unique_lock<std::mutex>& lock) {
 
 // While a dispatcher is installed, hands delayed jobs over as they fall due.
 void timerLoop() {
+    ::pthread_setname_np(::pthread_self(), "kr.maintimer");
     auto& s = state();
     std::unique_lock lock(s.mutex);
     for (;;) {
@@ -167,7 +221,7 @@ void MainQueue::async(Job job) {
     }
     s.jobs.emplace(Key{Clock::now(), s.nextId++}, std::move(job));
     lock.unlock();
-    s.pumpCv.notify_one();
+    s.pump.signal(false);
 }
 
 MainQueue::Token MainQueue::asyncAfter(double seconds, Job job) {
@@ -181,7 +235,7 @@ MainQueue::Token MainQueue::asyncAfter(double seconds, Job job) {
     if (dispatching)
         s.timerCv.notify_one();
     else
-        s.pumpCv.notify_one();
+        s.pump.signal(false);
     return Token(key.due, key.id);
 }
 
@@ -246,7 +300,7 @@ void MainQueue::stop() {
         std::lock_guard lock(s.mutex);
         s.stopRequested = true;
     }
-    s.pumpCv.notify_all();
+    s.pump.signal(true);
 }
 
 void MainQueue::setDispatcher(Dispatcher dispatcher) {
@@ -255,7 +309,7 @@ void MainQueue::setDispatcher(Dispatcher dispatcher) {
     if (!dispatcher) {
         s.dispatcher = nullptr;
         lock.unlock();
-        s.pumpCv.notify_all();
+        s.pump.signal(true);
         return;
     }
     s.dispatcher = std::make_shared<const Dispatcher>(std::move(dispatcher));

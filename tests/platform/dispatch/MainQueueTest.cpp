@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -79,6 +80,32 @@ TEST_F(MainQueueTest, JobsFromManyThreadsRunOnceEachOneAtATimeInPostingOrderPerT
         ASSERT_EQ(seen[t].size(), static_cast<std::size_t>(perPoster)) << "poster " << t;
         for (int i = 0; i < perPoster; ++i) ASSERT_EQ(seen[t][i], i) << "poster " << t;
     }
+}
+
+// A pump asleep without a deadline must wake for every job posted from another
+// thread: one lost wake-up leaves run() asleep and a round trip unanswered.
+TEST_F(MainQueueTest, SleepingPumpWakesForEveryJobPostedFromAnotherThread) {
+    constexpr int rounds = 20000;
+    std::thread pump([] { MainQueue::run(); });
+    std::mutex mutex;
+    std::condition_variable answeredCv;
+    int answered = 0;
+    int lost = -1;
+    for (int i = 0; i < rounds && lost < 0; ++i) {
+        MainQueue::async([&] {
+            {
+                std::lock_guard lock(mutex);
+                ++answered;
+            }
+            answeredCv.notify_one();
+        });
+        std::unique_lock lock(mutex);
+        if (!answeredCv.wait_for(lock, 5s, [&] { return answered == i + 1; })) lost = i;
+    }
+    MainQueue::stop();
+    pump.join();
+    EXPECT_EQ(lost, -1) << "the job of round " << lost << " was not run";
+    EXPECT_EQ(answered, rounds);
 }
 
 TEST_F(MainQueueTest, DelayedJobsRunByDueTimeAndCanBeCancelled) {
