@@ -2,6 +2,8 @@
 
 #include <krcommon/platform/core/Exception.h>
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -57,6 +59,7 @@ struct OperationQueue::Impl {
     bool isEmpty() const { return pending.empty() && running == 0; }
 
     static void work(const std::shared_ptr<Impl>& self) {
+        ::pthread_setname_np(::pthread_self(), "kr.opqueue");  // as debuggers and top -H show it
         currentQueue = self.get();
         std::unique_lock lock(self->mutex);
         bool timedOut = false;

@@ -11,6 +11,7 @@
 #include <openssl/x509v3.h>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -621,6 +622,7 @@ void SessionEngine::drainEvents() {
 }
 
 void SessionEngine::run() {
+    ::pthread_setname_np(::pthread_self(), "kr.urlsession");
     workerOf = this;
     while (true) {
         std::vector<std::shared_ptr<URLSessionTask>> starting;
