@@ -245,6 +245,7 @@ struct Transfer {
     int downloadFd = -1;
     std::string downloadPath;
 
+    std::string requestedURL;  // as handed to the transport
     HTTPURLResponse::HeaderFields responseHeaders;
     bool responseDelivered = false;
     std::shared_ptr<DispositionGate> gate;  // set once the response went to a delegate that answers it
@@ -745,8 +746,8 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
         t.downloadPath = pattern;
     }
 
-    const std::string absolute = url->absoluteString();
-    curl_easy_setopt(easy, CURLOPT_URL, absolute.c_str());
+    t.requestedURL = url->absoluteString();
+    curl_easy_setopt(easy, CURLOPT_URL, t.requestedURL.c_str());
     curl_easy_setopt(easy, CURLOPT_PRIVATE, &t);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, t.errorBuffer);
@@ -758,9 +759,6 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, &t);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &onBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &t);
-    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &onProgress);
-    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &t);
-    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout * 1000));
     if (const auto& cookies = configuration.HTTPCookieStorage()) {
         curl_easy_setopt(easy, CURLOPT_SHARE, static_cast<CURLSH*>(cookies->nativeHandle()));
@@ -779,6 +777,12 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
     const std::string& method = request.HTTPMethod();
     const auto& body = request.HTTPBody();
     if (body) t.body = *body;
+    if (!t.body.empty()) {
+        // A body being sent counts as progress against the idle timeout.
+        curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &onProgress);
+        curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &t);
+        curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+    }
     if (method == "GET") {
         curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
     } else if (method == "HEAD") {
@@ -857,9 +861,12 @@ void SessionEngine::deliverResponse(Transfer& t) {
     curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
     const char* effective = nullptr;
     curl_easy_getinfo(t.easy, CURLINFO_EFFECTIVE_URL, &effective);
-    std::shared_ptr<URL> url = effective ? URL::URLWithString(effective) : nullptr;
+    // Unless a redirect was followed, the answer comes from the request's own URL.
+    std::shared_ptr<URL> url =
+        effective && effective != std::string_view(t.requestedURL) ? URL::URLWithString(effective) : nullptr;
     if (!url) url = t.task->request_.URL();
-    auto response = std::make_shared<HTTPURLResponse>(std::move(url), status, t.responseHeaders);
+    // The headers go to the response: nothing reads them from the transfer afterwards.
+    auto response = std::make_shared<HTTPURLResponse>(std::move(url), status, std::move(t.responseHeaders));
     {
         std::lock_guard lock(t.task->mutex_);
         t.task->response_ = response;

@@ -162,6 +162,10 @@ protected:
             res.set_content(std::to_string(req.remote_port), "text/plain");
         });
         server->route("POST", "/echo", [](const auto& req, auto& res) { res.set_content(req.body, "text/plain"); });
+        server->route("GET", "/moved", [](const auto&, auto& res) {
+            res.set_header("X-Hop", "first");
+            res.set_redirect("/hello?from=moved", 302);
+        });
         server->start();
         recorder = std::make_shared<Recorder>();
         recorder->queue = std::make_shared<OperationQueue>(1);
@@ -204,6 +208,24 @@ TEST_F(URLSessionTest, DataTaskDeliversResponseDataAndCompletionInOrderOnTheDele
     EXPECT_EQ(response->MIMEType(), "text/plain");
     EXPECT_EQ(response->URL()->absoluteString(), url("/big"));
     EXPECT_EQ(task->countOfBytesReceived(), 300000);
+}
+
+// A redirect is followed: the response is the last one, from the URL it came
+// from, with that answer's headers only.
+TEST_F(URLSessionTest, FollowedRedirectAnswersFromTheURLItEndedAt) {
+    auto session = makeSession();
+    auto task = session->dataTaskWithRequest(requestFor(url("/moved")));
+    task->resume();
+    ASSERT_TRUE(recorder->waitForCompletions(1));
+
+    EXPECT_EQ(recorder->errorOf(task->taskIdentifier()), nullptr);
+    EXPECT_EQ(recorder->bodies[task->taskIdentifier()], "hello world");
+    auto response = std::dynamic_pointer_cast<HTTPURLResponse>(task->response());
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(response->statusCode(), 200);
+    EXPECT_EQ(response->URL()->absoluteString(), url("/hello?from=moved"));
+    EXPECT_FALSE(response->valueForHTTPHeaderField("X-Hop"));
+    EXPECT_EQ(task->originalRequest().URL()->absoluteString(), url("/moved"));
 }
 
 TEST_F(URLSessionTest, TaskIdentifiersAreUniqueAndCountUpFromOne) {
