@@ -3,12 +3,14 @@
 // requests in flight. One iteration is one answered request, so the time per
 // iteration is the inverse of the request rate; with one in flight it is the
 // latency of a request, and KR minus BASE is what the manager adds to it.
+// PAIR_ runs both clients in alternation within one run and reports their ratio.
 //
 // MEM_InFlight reports the heap held per request in flight: the server holds
 // every answer back while the manager has N requests outstanding.
 
 #include "support/TestServer.h"
 
+#include <krcommon/http/KRRequestSerialization.h>
 #include <krcommon/http/KRSDKMemberHttpManager.h>
 #include <krcommon/platform/app/SystemLog.h>
 #include <krcommon/platform/dispatch/MainQueue.h>
@@ -23,6 +25,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -37,7 +40,7 @@ using krcommon::platform::MainQueue;
 using krcommon::platform::Value;
 
 const std::string kAnswer = R"({"code":0,"msg":"ok","data":{"uid":"10001","name":"kr"}})";
-const std::string kPostBody = R"({"appid":"1001","uid":"10001"})";
+const Value kParams(Dictionary{{"appid", "1001"}, {"uid", "10001"}});
 
 krcommon::test::TestServer& server() {
     static auto instance = [] {
@@ -75,122 +78,195 @@ void reportProcessCPU(benchmark::State& state, double since) {
         benchmark::Counter((processSeconds() - since) * 1e6 / static_cast<double>(state.iterations()));
 }
 
-// ---- krcommon: the manager, callbacks pumped on the main queue
+// ---- the two clients, each keeping a number of requests in flight
 
-void runManager(benchmark::State& state, bool post) {
-    const int inFlight = static_cast<int>(state.range(0));
-    auto manager = KRSDKMemberHttpManager::create();
-    manager->sessionConfiguration()->setHTTPMaximumConnectionsPerHost(inFlight);
-    manager->setValue("identity", "Accept-Encoding");  // as the raw client: no compression
-    const std::string url = server().origin("http") + "/user";
-    const Value params(Dictionary{{"appid", "1001"}, {"uid", "10001"}});
-    std::int64_t answered = 0;
-    std::int64_t failed = 0;
-    bool keepGoing = true;
-
-    std::function<void()> startOne = [&] {
-        auto success = [&](const auto&, const Value&) {
-            ++answered;
-            if (keepGoing) startOne();
-        };
-        auto failure = [&](const auto&, const Value&, const auto&) {
-            ++answered;
-            ++failed;
-            if (keepGoing) startOne();
-        };
-        if (post) {
-            manager->POST(url, Value(), params, std::nullopt, false, success, failure);
-        } else {
-            manager->GET(url, Value(), params, std::nullopt, success, failure);
-        }
-    };
-    for (int i = 0; i < inFlight; ++i) startOne();
-    std::int64_t consumed = 0;  // answers counted so far; one pump may bring several
-    const double cpuStart = processSeconds();
-    for (auto _ : state) {
-        ++consumed;
-        if (answered < consumed) MainQueue::runUntil([&] { return answered >= consumed; }, 30);
+// Requests through one manager; callbacks pumped on the main queue. Each answer
+// starts the next request, so `inFlight` stay outstanding.
+class ManagerLoad {
+public:
+    ManagerLoad(int inFlight, bool post) : manager_(KRSDKMemberHttpManager::create()), post_(post) {
+        manager_->sessionConfiguration()->setHTTPMaximumConnectionsPerHost(inFlight);
+        manager_->setValue("identity", "Accept-Encoding");  // as the raw client: no compression
+        for (int i = 0; i < inFlight; ++i) startOne();
     }
-    reportProcessCPU(state, cpuStart);
-    keepGoing = false;
-    MainQueue::runUntil([&] { return manager->mutableTaskHandlerByTaskIdentifier().empty(); }, 30);
-    if (failed) state.SkipWithError("requests failed");
-    state.SetItemsProcessed(state.iterations());
-}
+    ~ManagerLoad() {
+        keepGoing_ = false;
+        MainQueue::runUntil([&] { return manager_->mutableTaskHandlerByTaskIdentifier().empty(); }, 30);
+    }
+    ManagerLoad(const ManagerLoad&) = delete;
+    ManagerLoad& operator=(const ManagerLoad&) = delete;
 
-void KR_RequestGet(benchmark::State& state) { runManager(state, false); }
-void KR_RequestPost(benchmark::State& state) { runManager(state, true); }
-BENCHMARK(KR_RequestGet)->Arg(1)->Arg(32)->UseRealTime();
-BENCHMARK(KR_RequestPost)->Arg(1)->Arg(32)->UseRealTime();
+    // Returns once `answers` more answers have come; one pump may bring several,
+    // and those beyond the count go to the next call.
+    void run(std::int64_t answers) {
+        target_ += answers;
+        if (answered_ < target_) MainQueue::runUntil([&] { return answered_ >= target_; }, 30);
+    }
+    [[nodiscard]] std::int64_t failed() const { return failed_; }
 
-// ---- baseline: raw libcurl multi, the same requests
+private:
+    void startOne() {
+        auto success = [this](const auto&, const Value&) { answer(false); };
+        auto failure = [this](const auto&, const Value&, const auto&) { answer(true); };
+        if (post_) {
+            manager_->POST(url_, Value(), kParams, std::nullopt, false, success, failure);
+        } else {
+            manager_->GET(url_, Value(), kParams, std::nullopt, success, failure);
+        }
+    }
+    void answer(bool failed) {
+        ++answered_;
+        failed_ += failed ? 1 : 0;
+        if (keepGoing_) startOne();
+    }
+
+    std::shared_ptr<KRSDKMemberHttpManager> manager_;
+    const std::string url_ = server().origin("http") + "/user";
+    const bool post_;
+    bool keepGoing_ = true;
+    std::int64_t answered_ = 0;
+    std::int64_t target_ = 0;
+    std::int64_t failed_ = 0;
+};
 
 std::size_t collect(char* data, std::size_t size, std::size_t count, void* user) {
     static_cast<std::string*>(user)->append(data, size * count);
     return size * count;
 }
 
-void runCurl(benchmark::State& state, bool post) {
-    const int inFlight = static_cast<int>(state.range(0));
-    CURLM* multi = curl_multi_init();
-    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(inFlight));
-    const std::string url = server().origin("http") + "/user" + (post ? "" : "?appid=1001&uid=10001");
-    std::vector<CURL*> handles;
-    std::vector<std::string> bodies(static_cast<std::size_t>(inFlight));
-    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
-    headers = curl_slist_append(headers, "Expect:");
-    for (int i = 0; i < inFlight; ++i) {
-        CURL* easy = curl_easy_init();
-        curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collect);
-        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &bodies[static_cast<std::size_t>(i)]);
-        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, 15000L);
-        if (post) {
-            curl_easy_setopt(easy, CURLOPT_POSTFIELDS, kPostBody.c_str());
-            curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
-        }
-        handles.push_back(easy);
-        curl_multi_add_handle(multi, easy);
-    }
-    std::int64_t failed = 0;
-    std::int64_t finished = 0;  // one round of the multi handle may finish several
-    std::int64_t consumed = 0;
-    const double cpuStart = processSeconds();
-    for (auto _ : state) {
-        ++consumed;
-        bool done = finished >= consumed;
-        while (!done) {
-            int running = 0;
-            curl_multi_perform(multi, &running);
-            int left = 0;
-            while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
-                if (message->msg != CURLMSG_DONE) continue;
-                if (message->data.result != CURLE_OK) ++failed;
-                CURL* easy = message->easy_handle;
-                curl_multi_remove_handle(multi, easy);
-                curl_multi_add_handle(multi, easy);  // the next request on the same handle
-                ++finished;
-                done = finished >= consumed;
+// Raw libcurl multi on the calling thread, sending the bytes the manager sends
+// for the same call: its query string or JSON body, content type, user agent
+// and accepted encoding. Each handle is added again as soon as it finishes.
+class CurlLoad {
+public:
+    CurlLoad(int inFlight, bool post)
+        : multi_(curl_multi_init()),
+          url_(server().origin("http") + "/user" +
+               (post ? "" : "?" + krcommon::KRQueryStringFromParameters(kParams).value_or(""))),
+          body_(post ? krcommon::KRJsonFromParameters(kParams).value_or("") : ""),
+          bodies_(static_cast<std::size_t>(inFlight)) {
+        curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(inFlight));
+        headers_ = curl_slist_append(nullptr, "Content-Type: application/x-www-form-urlencoded");
+        headers_ = curl_slist_append(headers_, "Expect:");
+        for (auto& received : bodies_) {
+            CURL* easy = curl_easy_init();
+            curl_easy_setopt(easy, CURLOPT_URL, url_.c_str());
+            curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collect);
+            curl_easy_setopt(easy, CURLOPT_WRITEDATA, &received);
+            curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+            curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, 15000L);
+            curl_easy_setopt(easy, CURLOPT_USERAGENT, "krcommon/1.0");
+            curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "identity");
+            if (post) {
+                curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body_.size()));
+                curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body_.c_str());
+                curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers_);
             }
-            if (!done) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+            handles_.push_back(easy);
+            curl_multi_add_handle(multi_, easy);
         }
     }
-    reportProcessCPU(state, cpuStart);
-    for (CURL* easy : handles) {
-        curl_multi_remove_handle(multi, easy);
-        curl_easy_cleanup(easy);
+    ~CurlLoad() {
+        for (CURL* easy : handles_) {
+            curl_multi_remove_handle(multi_, easy);
+            curl_easy_cleanup(easy);
+        }
+        curl_slist_free_all(headers_);
+        curl_multi_cleanup(multi_);
     }
-    curl_slist_free_all(headers);
-    curl_multi_cleanup(multi);
-    if (failed) state.SkipWithError("requests failed");
+    CurlLoad(const CurlLoad&) = delete;
+    CurlLoad& operator=(const CurlLoad&) = delete;
+
+    // Returns once `answers` more transfers have finished; as ManagerLoad::run.
+    void run(std::int64_t answers) {
+        target_ += answers;
+        while (finished_ < target_) {
+            int running = 0;
+            curl_multi_perform(multi_, &running);
+            int left = 0;
+            while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+                if (message->msg != CURLMSG_DONE) continue;
+                if (message->data.result != CURLE_OK) ++failed_;
+                CURL* easy = message->easy_handle;
+                curl_multi_remove_handle(multi_, easy);
+                curl_multi_add_handle(multi_, easy);  // the next request on the same handle
+                ++finished_;
+            }
+            if (finished_ < target_) curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+        }
+    }
+    [[nodiscard]] std::int64_t failed() const { return failed_; }
+
+private:
+    CURLM* multi_;
+    const std::string url_;
+    const std::string body_;
+    std::vector<std::string> bodies_;
+    curl_slist* headers_ = nullptr;
+    std::vector<CURL*> handles_;
+    std::int64_t finished_ = 0;
+    std::int64_t target_ = 0;
+    std::int64_t failed_ = 0;
+};
+
+// One iteration is one answered request.
+template <class Load>
+void runLoad(benchmark::State& state, bool post) {
+    Load load(static_cast<int>(state.range(0)), post);
+    const double cpuStart = processSeconds();
+    for (auto _ : state) load.run(1);
+    reportProcessCPU(state, cpuStart);
+    if (load.failed()) state.SkipWithError("requests failed");
     state.SetItemsProcessed(state.iterations());
 }
 
-void BASE_RequestGet(benchmark::State& state) { runCurl(state, false); }
-void BASE_RequestPost(benchmark::State& state) { runCurl(state, true); }
+void KR_RequestGet(benchmark::State& state) { runLoad<ManagerLoad>(state, false); }
+void KR_RequestPost(benchmark::State& state) { runLoad<ManagerLoad>(state, true); }
+BENCHMARK(KR_RequestGet)->Arg(1)->Arg(32)->UseRealTime();
+BENCHMARK(KR_RequestPost)->Arg(1)->Arg(32)->UseRealTime();
+
+void BASE_RequestGet(benchmark::State& state) { runLoad<CurlLoad>(state, false); }
+void BASE_RequestPost(benchmark::State& state) { runLoad<CurlLoad>(state, true); }
 BENCHMARK(BASE_RequestGet)->Arg(1)->Arg(32)->UseRealTime();
 BENCHMARK(BASE_RequestPost)->Arg(1)->Arg(32)->UseRealTime();
+
+// ---- both clients in alternation
+
+// This machine's speed drifts between runs by more than the difference between
+// the clients, so KR and BASE from separate runs give a loose ratio. Here each
+// iteration times a stretch of requests through the manager and then the same
+// number through raw libcurl, against the same server, moments apart; the
+// counters are the per-request times of each, their ratio (raw / manager) and
+// the difference (with one in flight, the latency the manager adds).
+void runPaired(benchmark::State& state, bool post) {
+    const int inFlight = static_cast<int>(state.range(0));
+    const std::int64_t stretch = inFlight == 1 ? 200 : 2048;
+    ManagerLoad manager(inFlight, post);
+    CurlLoad raw(inFlight, post);
+    using Seconds = std::chrono::duration<double>;
+    Seconds managerTime{};
+    Seconds rawTime{};
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        manager.run(stretch);
+        const auto between = std::chrono::steady_clock::now();
+        raw.run(stretch);
+        managerTime += between - start;
+        rawTime += std::chrono::steady_clock::now() - between;
+    }
+    const double requests = static_cast<double>(state.iterations() * stretch);
+    state.counters["kr_us"] = managerTime.count() * 1e6 / requests;
+    state.counters["raw_us"] = rawTime.count() * 1e6 / requests;
+    state.counters["added_us"] = (managerTime - rawTime).count() * 1e6 / requests;
+    state.counters["pair_ratio"] = rawTime / managerTime;
+    if (manager.failed() || raw.failed()) state.SkipWithError("requests failed");
+    state.SetItemsProcessed(state.iterations() * stretch * 2);
+}
+
+void PAIR_RequestGet(benchmark::State& state) { runPaired(state, false); }
+void PAIR_RequestPost(benchmark::State& state) { runPaired(state, true); }
+BENCHMARK(PAIR_RequestGet)->Arg(1)->Arg(32)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(PAIR_RequestPost)->Arg(1)->Arg(32)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // ---- the two thread hops a request through the manager takes
 
