@@ -27,6 +27,7 @@
 #include <atomic>
 #include <chrono>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -80,32 +81,47 @@ void reportProcessCPU(benchmark::State& state, double since) {
 
 // ---- the two clients, each keeping a number of requests in flight
 
-// Requests through one manager; callbacks pumped on the main queue. Each answer
-// starts the next request, so `inFlight` stay outstanding.
+// Both clients run the same way: run(n) keeps `inFlight` requests going and
+// returns once n more answers have come, leaving the rest in flight; batch(n)
+// sends exactly n requests, `inFlight` at a time, and returns with none left.
+constexpr std::int64_t kUnlimited = std::numeric_limits<std::int64_t>::max();
+
+// Requests through one manager; callbacks pumped on the main queue, where each
+// answer starts the next request.
 class ManagerLoad {
 public:
-    ManagerLoad(int inFlight, bool post) : manager_(KRSDKMemberHttpManager::create()), post_(post) {
+    ManagerLoad(int inFlight, bool post)
+        : manager_(KRSDKMemberHttpManager::create()), inFlight_(inFlight), post_(post) {
         manager_->sessionConfiguration()->setHTTPMaximumConnectionsPerHost(inFlight);
         manager_->setValue("identity", "Accept-Encoding");  // as the raw client: no compression
-        for (int i = 0; i < inFlight; ++i) startOne();
     }
     ~ManagerLoad() {
-        keepGoing_ = false;
-        MainQueue::runUntil([&] { return manager_->mutableTaskHandlerByTaskIdentifier().empty(); }, 30);
+        limit_ = started_;
+        MainQueue::runUntil([&] { return answered_ == started_; }, 30);
     }
     ManagerLoad(const ManagerLoad&) = delete;
     ManagerLoad& operator=(const ManagerLoad&) = delete;
 
-    // Returns once `answers` more answers have come; one pump may bring several,
-    // and those beyond the count go to the next call.
     void run(std::int64_t answers) {
+        limit_ = kUnlimited;
+        fill();
         target_ += answers;
         if (answered_ < target_) MainQueue::runUntil([&] { return answered_ >= target_; }, 30);
+    }
+    void batch(std::int64_t count) {
+        limit_ = started_ + count;
+        fill();
+        MainQueue::runUntil([&] { return answered_ == limit_; }, 30);
+        target_ = answered_;
     }
     [[nodiscard]] std::int64_t failed() const { return failed_; }
 
 private:
+    void fill() {
+        while (started_ - answered_ < inFlight_ && started_ < limit_) startOne();
+    }
     void startOne() {
+        ++started_;
         auto success = [this](const auto&, const Value&) { answer(false); };
         auto failure = [this](const auto&, const Value&, const auto&) { answer(true); };
         if (post_) {
@@ -117,13 +133,15 @@ private:
     void answer(bool failed) {
         ++answered_;
         failed_ += failed ? 1 : 0;
-        if (keepGoing_) startOne();
+        fill();
     }
 
     std::shared_ptr<KRSDKMemberHttpManager> manager_;
     const std::string url_ = server().origin("http") + "/user";
+    const std::int64_t inFlight_;
     const bool post_;
-    bool keepGoing_ = true;
+    std::int64_t limit_ = 0;  // requests that may be started in all
+    std::int64_t started_ = 0;
     std::int64_t answered_ = 0;
     std::int64_t target_ = 0;
     std::int64_t failed_ = 0;
@@ -136,7 +154,7 @@ std::size_t collect(char* data, std::size_t size, std::size_t count, void* user)
 
 // Raw libcurl multi on the calling thread, sending the bytes the manager sends
 // for the same call: its query string or JSON body, content type, user agent
-// and accepted encoding. Each handle is added again as soon as it finishes.
+// and accepted encoding. A finished handle is added again for the next request.
 class CurlLoad {
 public:
     CurlLoad(int inFlight, bool post)
@@ -163,7 +181,7 @@ public:
                 curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers_);
             }
             handles_.push_back(easy);
-            curl_multi_add_handle(multi_, easy);
+            idle_.push_back(easy);
         }
     }
     ~CurlLoad() {
@@ -177,10 +195,29 @@ public:
     CurlLoad(const CurlLoad&) = delete;
     CurlLoad& operator=(const CurlLoad&) = delete;
 
-    // Returns once `answers` more transfers have finished; as ManagerLoad::run.
     void run(std::int64_t answers) {
+        limit_ = kUnlimited;
         target_ += answers;
-        while (finished_ < target_) {
+        perform(target_);
+    }
+    void batch(std::int64_t count) {
+        limit_ = started_ + count;
+        perform(limit_);
+        target_ = finished_;
+    }
+    [[nodiscard]] std::int64_t failed() const { return failed_; }
+
+private:
+    void fill() {
+        while (!idle_.empty() && started_ < limit_) {
+            curl_multi_add_handle(multi_, idle_.back());
+            idle_.pop_back();
+            ++started_;
+        }
+    }
+    void perform(std::int64_t until) {
+        fill();
+        while (finished_ < until) {
             int running = 0;
             curl_multi_perform(multi_, &running);
             int left = 0;
@@ -189,21 +226,23 @@ public:
                 if (message->data.result != CURLE_OK) ++failed_;
                 CURL* easy = message->easy_handle;
                 curl_multi_remove_handle(multi_, easy);
-                curl_multi_add_handle(multi_, easy);  // the next request on the same handle
+                idle_.push_back(easy);
                 ++finished_;
             }
-            if (finished_ < target_) curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+            fill();  // the next requests on the same handles
+            if (finished_ < until) curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
         }
     }
-    [[nodiscard]] std::int64_t failed() const { return failed_; }
 
-private:
     CURLM* multi_;
     const std::string url_;
     const std::string body_;
     std::vector<std::string> bodies_;
     curl_slist* headers_ = nullptr;
     std::vector<CURL*> handles_;
+    std::vector<CURL*> idle_;
+    std::int64_t limit_ = 0;
+    std::int64_t started_ = 0;
     std::int64_t finished_ = 0;
     std::int64_t target_ = 0;
     std::int64_t failed_ = 0;
@@ -230,17 +269,54 @@ void BASE_RequestPost(benchmark::State& state) { runLoad<CurlLoad>(state, true);
 BENCHMARK(BASE_RequestGet)->Arg(1)->Arg(32)->UseRealTime();
 BENCHMARK(BASE_RequestPost)->Arg(1)->Arg(32)->UseRealTime();
 
+// ---- a client's start-up
+
+// A new manager (and with it a session, its thread and a new connection)
+// answering its first request, then going away.
+void KR_FirstRequest(benchmark::State& state) {
+    const std::string url = server().origin("http") + "/user";
+    std::int64_t failed = 0;
+    for (auto _ : state) {
+        bool answered = false;
+        auto manager = KRSDKMemberHttpManager::create();
+        manager->setValue("identity", "Accept-Encoding");
+        manager->GET(
+            url, Value(), kParams, std::nullopt, [&](const auto&, const Value&) { answered = true; },
+            [&](const auto&, const Value&, const auto&) {
+                answered = true;
+                ++failed;
+            });
+        MainQueue::runUntil([&] { return answered; }, 30);
+    }
+    if (failed) state.SkipWithError("requests failed");
+}
+BENCHMARK(KR_FirstRequest)->UseRealTime();
+
+// The same with raw libcurl: a new multi and easy handle, one request, cleanup.
+void BASE_FirstRequest(benchmark::State& state) {
+    std::int64_t failed = 0;
+    for (auto _ : state) {
+        CurlLoad load(1, false);
+        load.batch(1);
+        failed += load.failed();
+    }
+    if (failed) state.SkipWithError("requests failed");
+}
+BENCHMARK(BASE_FirstRequest)->UseRealTime();
+
 // ---- both clients in alternation
 
 // This machine's speed drifts between runs by more than the difference between
 // the clients, so KR and BASE from separate runs give a loose ratio. Here each
-// iteration times a stretch of requests through the manager and then the same
-// number through raw libcurl, against the same server, moments apart; the
-// counters are the per-request times of each, their ratio (raw / manager) and
-// the difference (with one in flight, the latency the manager adds).
+// iteration times a batch of requests through the manager and then the same
+// number through raw libcurl, against the same server, moments apart. Each
+// batch ends with nothing in flight, so neither client's requests run on into
+// the other's time. The counters are the per-request times of each, their
+// ratio (raw / manager) and the difference (with one in flight, the latency
+// the manager adds).
 void runPaired(benchmark::State& state, bool post) {
     const int inFlight = static_cast<int>(state.range(0));
-    const std::int64_t stretch = inFlight == 1 ? 200 : 2048;
+    const std::int64_t batchSize = inFlight == 1 ? 200 : 2048;
     ManagerLoad manager(inFlight, post);
     CurlLoad raw(inFlight, post);
     using Seconds = std::chrono::duration<double>;
@@ -248,19 +324,19 @@ void runPaired(benchmark::State& state, bool post) {
     Seconds rawTime{};
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
-        manager.run(stretch);
+        manager.batch(batchSize);
         const auto between = std::chrono::steady_clock::now();
-        raw.run(stretch);
+        raw.batch(batchSize);
         managerTime += between - start;
         rawTime += std::chrono::steady_clock::now() - between;
     }
-    const double requests = static_cast<double>(state.iterations() * stretch);
+    const double requests = static_cast<double>(state.iterations() * batchSize);
     state.counters["kr_us"] = managerTime.count() * 1e6 / requests;
     state.counters["raw_us"] = rawTime.count() * 1e6 / requests;
     state.counters["added_us"] = (managerTime - rawTime).count() * 1e6 / requests;
     state.counters["pair_ratio"] = rawTime / managerTime;
     if (manager.failed() || raw.failed()) state.SkipWithError("requests failed");
-    state.SetItemsProcessed(state.iterations() * stretch * 2);
+    state.SetItemsProcessed(state.iterations() * batchSize * 2);
 }
 
 void PAIR_RequestGet(benchmark::State& state) { runPaired(state, false); }

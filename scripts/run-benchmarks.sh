@@ -3,7 +3,8 @@
 # which each library figure (KR_<case>) stands beside its baseline (BASE_<case>)
 # and any reference (REF_<case>) from the same run. The ratio is baseline time
 # divided by krcommon time: above 1 means krcommon is faster; a case that
-# pairs each iteration with its baseline (floor_ratio) reports that ratio.
+# pairs each iteration with its baseline (floor_ratio) reports that ratio, and
+# PAIR_<case> rows (both clients in alternation) get a table of their own.
 # Each figure is the median of BENCH_REPETITIONS runs (5 by default).
 set -euo pipefail
 build=${1:-build/bench}
@@ -21,10 +22,15 @@ done
 python3 - "$out" <<'PY'
 import json, pathlib, re, sys
 rows = {}
+pairs = {}
 for f in sorted(pathlib.Path(sys.argv[1]).glob("*.json")):
     for b in json.loads(f.read_text())["benchmarks"]:
         # The median of the repetitions: steadier than the mean on a shared machine.
         if b.get("run_type") != "aggregate" or b.get("aggregate_name") != "median":
+            continue
+        p = re.match(r"PAIR_([^/]+?)(/.*?)?(_median)?$", b["name"])
+        if p:
+            pairs[p.group(1) + (p.group(2) or "").replace("/real_time", "")] = b
             continue
         m = re.match(r"(KR|BASE|REF)_([^/]+?)(/.*?)?(_median)?$", b["name"])
         if not m:
@@ -50,4 +56,11 @@ for (prog, case), r in rows.items():
     paired = kr.get("floor_ratio")
     base_ratio = f"{paired:.2f}x (paired)" if paired else ratio(r.get("BASE"))
     print(f"| {case} | {cell(kr)} | {cell(r.get('BASE'))} | {base_ratio} | {cell(r.get('REF'))} | {ratio(r.get('REF'))} |")
+if pairs:
+    # Cases that alternate the library and its baseline within one run.
+    print()
+    print("| case (paired run) | krcommon per item | baseline per item | ratio (baseline / krcommon) | added per item |")
+    print("|---|---|---|---|---|")
+    for case, b in pairs.items():
+        print(f"| {case} | {b['kr_us']:,.1f} us | {b['raw_us']:,.1f} us | {b['pair_ratio']:.2f}x | {b['added_us']:,.1f} us |")
 PY
