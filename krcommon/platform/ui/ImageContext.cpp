@@ -136,6 +136,7 @@ Size layoutSize(PangoLayout* layout) {
 }  // namespace
 
 struct GraphicsContext::Impl {
+    std::vector<std::uint32_t> pixels;  // the surface draws into these; an image may take them at the end
     SurfacePtr surface;
     cairo_t* cr = nullptr;
     double scale = 1;
@@ -290,8 +291,12 @@ struct ImageContextAccess {
             return nullptr;
         }
         auto impl = std::make_unique<GraphicsContext::Impl>();
-        impl->surface.reset(
-            cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(pw), static_cast<int>(ph)));
+        const int width = static_cast<int>(pw);
+        const int height = static_cast<int>(ph);
+        // 32-bit pixels, rows without padding: the stride cairo wants for this format.
+        impl->pixels.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
+        impl->surface.reset(cairo_image_surface_create_for_data(reinterpret_cast<unsigned char*>(impl->pixels.data()),
+                                                                CAIRO_FORMAT_ARGB32, width, height, width * 4));
         if (cairo_surface_status(impl->surface.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
         impl->cr = cairo_create(impl->surface.get());
         impl->scale = scale;
@@ -304,18 +309,18 @@ struct ImageContextAccess {
     }
 
     static std::shared_ptr<Image> snapshot(GraphicsContext& context) {
-        cairo_surface_t* surface = context.impl_->surface.get();
-        cairo_surface_flush(surface);
-        const int w = cairo_image_surface_get_width(surface);
-        const int h = cairo_image_surface_get_height(surface);
-        const int stride = cairo_image_surface_get_stride(surface);
-        const unsigned char* data = cairo_image_surface_get_data(surface);
-        std::vector<std::uint32_t> pixels(static_cast<std::size_t>(w) * static_cast<std::size_t>(h));
-        for (int y = 0; y < h; ++y) {
-            std::memcpy(pixels.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(w),
-                        data + static_cast<std::ptrdiff_t>(y) * stride, static_cast<std::size_t>(w) * 4);
-        }
-        return std::make_shared<Image>(w, h, context.impl_->scale, std::move(pixels));
+        auto& impl = *context.impl_;
+        cairo_surface_flush(impl.surface.get());
+        return std::make_shared<Image>(cairo_image_surface_get_width(impl.surface.get()),
+                                       cairo_image_surface_get_height(impl.surface.get()), impl.scale, impl.pixels);
+    }
+    // The context is about to go: its pixels become the image, without a copy.
+    static std::shared_ptr<Image> take(GraphicsContext& context) {
+        auto& impl = *context.impl_;
+        const int width = cairo_image_surface_get_width(impl.surface.get());
+        const int height = cairo_image_surface_get_height(impl.surface.get());
+        cairo_surface_finish(impl.surface.get());  // cairo touches the pixels no more
+        return std::make_shared<Image>(width, height, impl.scale, std::move(impl.pixels));
     }
 };
 
@@ -335,6 +340,13 @@ std::shared_ptr<Image> getImageFromCurrentImageContext() {
 
 void endImageContext() {
     if (!contextStack.empty()) contextStack.pop_back();
+}
+
+std::shared_ptr<Image> endImageContextTakingImage() {
+    if (contextStack.empty()) return nullptr;
+    const auto context = std::move(contextStack.back());
+    contextStack.pop_back();
+    return context ? ImageContextAccess::take(*context) : nullptr;
 }
 
 }  // namespace krcommon::platform

@@ -84,5 +84,9 @@ KRCOMMON_EXPORT GraphicsContext* getCurrentContext();
 KRCOMMON_EXPORT std::shared_ptr<Image> getImageFromCurrentImageContext();
 /// Pops the top context of this thread's stack; nothing when the stack is empty.
 KRCOMMON_EXPORT void endImageContext();
+/// Pops the top context and returns its pixels as an image, handed over rather than copied:
+/// what getImageFromCurrentImageContext() then endImageContext() give, for less. nullptr
+/// when the top context is not drawable or the stack is empty.
+KRCOMMON_EXPORT std::shared_ptr<Image> endImageContextTakingImage();
 
 }  // namespace krcommon::platform

@@ -33,14 +33,11 @@ std::shared_ptr<Image> Renderer::renderImage(View& view, double scale) {
     view.layoutIfNeeded();
     const Rect frame = view.frame();
     beginImageContextWithOptions(frame.size, false, scale);
-    std::shared_ptr<Image> image;
     if (GraphicsContext* context = getCurrentContext()) {
         // The root is drawn at the canvas origin, whatever its own position.
         drawTree(view, *context, frame.origin);
-        image = getImageFromCurrentImageContext();
     }
-    endImageContext();
-    return image;
+    return endImageContextTakingImage();
 }
 
 bool Renderer::renderToPNG(View& view, const std::filesystem::path& path, double scale) {

@@ -93,6 +93,30 @@ TEST_F(ScreenScale, ContextsStackPerThreadAndSnapshotTheirPixels) {
     EXPECT_EQ(Screen::mainScreen().scale(), 3);
 }
 
+// A snapshot is a copy that later drawing leaves alone; taking the image at the end hands
+// over the pixels as they finally are and pops the context, drawable or not.
+TEST(ImageContext, SnapshotKeepsItsPixelsAndTakingEndsTheContext) {
+    EXPECT_EQ(endImageContextTakingImage(), nullptr);  // empty stack
+
+    beginImageContext({2, 1});
+    Color::colorWithRed(1, 0, 0, 1).setFill();
+    getCurrentContext()->fillRect({0, 0, 1, 1});
+    const auto early = getImageFromCurrentImageContext();
+    Color::colorWithRed(0, 0, 1, 1).setFill();
+    getCurrentContext()->fillRect({0, 0, 2, 1});
+    beginImageContextWithOptions({0, 5}, false, 1);  // not drawable, still pushed
+    EXPECT_EQ(endImageContextTakingImage(), nullptr);
+    const auto final = endImageContextTakingImage();
+    EXPECT_EQ(getCurrentContext(), nullptr);
+
+    ASSERT_TRUE(early && final);
+    EXPECT_EQ(early->pixelAt(0, 0), (Pixel{255, 0, 0, 255}));
+    EXPECT_EQ(early->pixelAt(1, 0), Pixel{});
+    EXPECT_EQ(final->size(), (Size{2, 1}));
+    EXPECT_EQ(final->pixelAt(0, 0), (Pixel{0, 0, 255, 255}));
+    EXPECT_EQ(final->pixelAt(1, 0), (Pixel{0, 0, 255, 255}));
+}
+
 // Every pixel comes back exactly, opaque images (written without alpha) and
 // translucent ones (straight colour in the file, premultiplied in memory) alike.
 class ImagePNGRoundTrip : public ::testing::TestWithParam<bool> {};
