@@ -75,11 +75,12 @@ Value KRSDKResponseHandler::responseObjectForResponse(const std::shared_ptr<plat
 Value KRSDKResponseHandler::responseObjectForURLResponse(const std::shared_ptr<platform::URLResponse>& response,
                                                          const Data& data, std::shared_ptr<Error>& error) {
     bool exempt = false;
+    Value body;  // the answer parsed as JSON from its text, when it is both
     if (!isImage()) {
         const Value text = textOf(data);
         KRSDK_LOG("Common", 1, "http received :%@", text);
-        const Value body = dictionaryWithJsonString(text.string() ? std::optional<std::string_view>(*text.string())
-                                                                   : std::nullopt);
+        body = dictionaryWithJsonString(text.string() ? std::optional<std::string_view>(*text.string())
+                                                      : std::nullopt);
         if (const auto* map = body.dictionary()) {
             if (const auto* code = (*map)["error"].string()) {
                 if (map->contains("error") && !map->contains("errorCode")) exempt = true;
@@ -101,7 +102,13 @@ Value KRSDKResponseHandler::responseObjectForURLResponse(const std::shared_ptr<p
         error = Error::make(KRSDKResponseDataIsNull, 600, errorUserInfo(response));
     } else {
         if (!respType_ || *respType_ == "json") {
-            if (auto parsed = platform::JSONSerialization::parse(data, &parserError)) object = std::move(*parsed);
+            // The text is the data's very bytes, so what was parsed above is the answer;
+            // only a body that did not parse is parsed again, for the parser's error.
+            if (!body.isNil()) {
+                object = std::move(body);
+            } else if (auto parsed = platform::JSONSerialization::parse(data, &parserError)) {
+                object = std::move(*parsed);
+            }
         } else if (*respType_ == "image") {
             object = Value(data);
         } else if (*respType_ == "string") {
