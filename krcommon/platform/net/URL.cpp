@@ -150,10 +150,10 @@ constexpr PercentEncodeSet kPathEncodeSet = [] {
 }  // namespace
 
 std::shared_ptr<URL> URL::URLWithString(std::string_view text) {
-    std::shared_ptr<URL> url(new URL);
-    url->text_.assign(text);
-    if (!url->parse()) return nullptr;
-    return url;
+    URL url;
+    url.text_.assign(text);
+    if (!url.parse()) return nullptr;
+    return std::make_shared<URL>(std::move(url));  // one allocation for the object and its count
 }
 
 std::shared_ptr<URL> URL::fileURLWithPath(const std::filesystem::path& path) {
