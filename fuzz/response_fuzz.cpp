@@ -1,12 +1,14 @@
 // Arbitrary answers through the response handler: any status code, response
 // type and body gives an object, an error or both, never a crash, and the
 // handler's promises hold: a status error carries the status, the two data
-// errors carry 600, and a successful status with a non-blank body always yields
-// an object.
+// errors carry 600, a successful status with a non-blank body always yields
+// an object, and a JSON answer is exactly the parse of its bytes (or, when they
+// do not parse, a format error carrying the parser's).
 
 #include <krcommon/http/KRSDKResponseHandler.h>
 #include <krcommon/platform/app/SystemLog.h>
 #include <krcommon/platform/dispatch/MainQueue.h>
+#include <krcommon/platform/io/JSONSerialization.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -51,6 +53,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::abort();  // a refused status always reports itself
     }
     if (accepted && !blank && object.isNil()) std::abort();
+    if (accepted && !blank && (!type || *type == "json")) {
+        std::shared_ptr<platform::Error> parserError;
+        if (const auto parsed = platform::JSONSerialization::parse(body, &parserError)) {
+            if (error || !(object == *parsed)) std::abort();
+        } else if (!error || error->code() != 600 ||
+                   (parserError && !error->userInfo().contains(NSUnderlyingErrorKey))) {
+            std::abort();
+        }
+    }
     platform::MainQueue::drain();  // invalid-grant notifications
     return 0;
 }
