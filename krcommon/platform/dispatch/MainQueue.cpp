@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <condition_variable>
@@ -41,7 +40,7 @@ struct Key {
 // variable would do, but glibc marks its mutex contended whenever a waiter wakes,
 // so every wake-up of the main thread would cost a second system call when the
 // mutex is released; the pump sleeps on a futex word instead. Changes are made
-// under the queue's mutex; `signal` runs after it has been released.
+// under the queue's mutex, and `signal` mostly runs once it has been released.
 class PumpSignal {
 public:
     // Called with the queue's mutex held: the value to sleep on if nothing is to do.
