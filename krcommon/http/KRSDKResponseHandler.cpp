@@ -139,7 +139,7 @@ void KRSDKResponseHandler::didCompleteWithError(const std::shared_ptr<platform::
     }
     auto self = shared_from_this();
     if (transportError) {
-        platform::MainQueue::async([self, task, transportError] {
+        platform::MainQueue::asyncBatched([self, task, transportError] {
             if (auto completion = self->completionHandler_) completion(task->response(), Value(), transportError);
         });
         return;
@@ -152,7 +152,7 @@ void KRSDKResponseHandler::didCompleteWithError(const std::shared_ptr<platform::
         picture.set("cookie", Value(session ? session->configuration().HTTPCookieStorage() : nullptr));
         object = Value(std::move(picture));
     }
-    platform::MainQueue::async([self, task, object = std::move(object), error = std::move(error)] {
+    platform::MainQueue::asyncBatched([self, task, object = std::move(object), error = std::move(error)] {
         if (auto completion = self->completionHandler_) completion(task->response(), object, error);
     });
 }

@@ -98,6 +98,11 @@ State& state() {
 // How many pumps and jobs the calling thread is inside.
 thread_local int mainDepth = 0;
 
+// How many wake batches the calling thread holds, and whether it queued a job
+// whose wake-up waits for the outermost one to end.
+thread_local int batchDepth = 0;
+thread_local bool batchOwesWake = false;
+
 struct MainScope {
     MainScope() noexcept { ++mainDepth; }
     ~MainScope() { --mainDepth; }
@@ -209,18 +214,47 @@ void timerLoop() {
 
 }  // namespace
 
-void MainQueue::async(Job job) {
-    requireJob(job, __func__);
-    auto& s = state();
+namespace {
+
+// Queues a job due now; answers false when it went to the dispatcher instead.
+bool enqueueNow(State& s, Job job) {
     std::unique_lock lock(s.mutex);
     if (const auto dispatcher = s.dispatcher) {
         lock.unlock();
         (*dispatcher)([job = std::move(job)]() mutable { invoke(std::move(job)); });
-        return;
+        return false;
     }
     s.jobs.emplace(Key{Clock::now(), s.nextId++}, std::move(job));
-    lock.unlock();
+    return true;
+}
+
+}  // namespace
+
+void MainQueue::async(Job job) {
+    requireJob(job, __func__);
+    auto& s = state();
+    if (!enqueueNow(s, std::move(job))) return;
+    batchOwesWake = false;  // this wake-up covers what the batch queued before
     s.pump.signal(false);
+}
+
+void MainQueue::asyncBatched(Job job) {
+    requireJob(job, __func__);
+    auto& s = state();
+    if (!enqueueNow(s, std::move(job))) return;
+    if (batchDepth > 0) {
+        batchOwesWake = true;
+        return;
+    }
+    s.pump.signal(false);
+}
+
+MainQueue::WakeBatch::WakeBatch() noexcept { ++batchDepth; }
+
+MainQueue::WakeBatch::~WakeBatch() {
+    if (--batchDepth > 0 || !batchOwesWake) return;
+    batchOwesWake = false;
+    state().pump.signal(false);
 }
 
 MainQueue::Token MainQueue::asyncAfter(double seconds, Job job) {

@@ -43,6 +43,23 @@ public:
     /// empty job.
     static void async(Job job);
 
+    /// Queues `job` like async(). While the calling thread holds a WakeBatch, the pumping
+    /// thread is woken when the outermost batch ends instead of now, so a burst of posts
+    /// costs one wake-up. Meant for code that returns to its batch promptly: a job posted
+    /// this way must not be waited for inside the batch. Without a batch this is async().
+    static void asyncBatched(Job job);
+
+    /// Marks a burst of asyncBatched() posts on the calling thread (see there). Batches
+    /// nest; an async() from the same thread wakes the pump at once, for what it queued
+    /// and for everything queued before it.
+    class KRCOMMON_EXPORT WakeBatch {
+    public:
+        WakeBatch() noexcept;
+        ~WakeBatch();
+        WakeBatch(const WakeBatch&) = delete;
+        WakeBatch& operator=(const WakeBatch&) = delete;
+    };
+
     /// Queues `job` to run once `seconds` have passed (a negative or NaN delay counts as
     /// none). Jobs run by due time, jobs due at the same time in the order they were posted.
     static Token asyncAfter(double seconds, Job job);

@@ -1,6 +1,7 @@
 #include <krcommon/platform/net/URLSession.h>
 
 #include <krcommon/platform/core/Format.h>
+#include <krcommon/platform/dispatch/MainQueue.h>
 #include <krcommon/platform/io/PosixIO.h>
 
 #include <curl/curl.h>
@@ -598,7 +599,9 @@ void SessionEngine::answerResponse(const std::shared_ptr<DispositionGate>& gate,
 }
 
 void SessionEngine::drainEvents() {
-    // Runs a batch of events, then yields the delegate queue to other work.
+    // Runs a batch of events, then yields the delegate queue to other work. What
+    // the events post to the main queue in a batch wakes the main thread once.
+    MainQueue::WakeBatch burst;
     for (int ran = 0; ran < 64; ++ran) {
         std::function<void()> event;
         {

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <atomic>
 #include <condition_variable>
+#include <fstream>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -106,6 +109,62 @@ TEST_F(MainQueueTest, SleepingPumpWakesForEveryJobPostedFromAnotherThread) {
     pump.join();
     EXPECT_EQ(lost, -1) << "the job of round " << lost << " was not run";
     EXPECT_EQ(answered, rounds);
+}
+
+// Whether thread `tid` of this process is blocked (state S), as a pump asleep on its queue is.
+bool isAsleep(pid_t tid) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const auto end = line.rfind(')');
+    return end != std::string::npos && end + 2 < line.size() && line[end + 2] == 'S';
+}
+
+// Batched posts leave a sleeping pump asleep until the outermost batch ends, then
+// wake it once for all of them; an ordinary post wakes it at once for everything
+// queued before; without a batch a batched post is an ordinary one.
+TEST_F(MainQueueTest, WakeBatchHoldsTheWakeUpOfBatchedPostsUntilItEnds) {
+    std::atomic<int> ran{0};
+    std::atomic<pid_t> pumpTid{0};
+    std::thread pump([] { MainQueue::run(); });
+    MainQueue::async([&] { pumpTid = static_cast<pid_t>(::gettid()); ++ran; });
+    const auto reaches = [&](int count, auto limit) {
+        const auto until = std::chrono::steady_clock::now() + limit;
+        while (ran.load() < count && std::chrono::steady_clock::now() < until) std::this_thread::sleep_for(1ms);
+        return ran.load() >= count;
+    };
+    const auto pumpSleeps = [&] {
+        for (int i = 0; i < 5000 && !isAsleep(pumpTid.load()); ++i) std::this_thread::sleep_for(1ms);
+        return isAsleep(pumpTid.load());
+    };
+    ASSERT_TRUE(reaches(1, 5s));
+
+    ASSERT_TRUE(pumpSleeps());
+    {
+        MainQueue::WakeBatch outer;
+        {
+            MainQueue::WakeBatch inner;
+            MainQueue::asyncBatched([&] { ++ran; });
+            MainQueue::asyncBatched([&] { ++ran; });
+        }
+        EXPECT_FALSE(reaches(2, 100ms)) << "a batched post woke the pump inside the batch";
+    }
+    EXPECT_TRUE(reaches(3, 5s)) << "the end of the batch did not wake the pump";
+
+    ASSERT_TRUE(pumpSleeps());
+    {
+        MainQueue::WakeBatch batch;
+        MainQueue::asyncBatched([&] { ++ran; });
+        MainQueue::async([&] { ++ran; });
+        EXPECT_TRUE(reaches(5, 5s)) << "an ordinary post inside a batch did not wake the pump";
+    }
+
+    ASSERT_TRUE(pumpSleeps());
+    MainQueue::asyncBatched([&] { ++ran; });
+    EXPECT_TRUE(reaches(6, 5s)) << "a batched post without a batch did not wake the pump";
+
+    MainQueue::stop();
+    pump.join();
 }
 
 TEST_F(MainQueueTest, DelayedJobsRunByDueTimeAndCanBeCancelled) {
