@@ -221,6 +221,7 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     // Worker thread.
     void run();
     void startTransfer(const std::shared_ptr<URLSessionTask>& task);
+    CURL* newHandle();
     void cancelTransfer(const std::shared_ptr<URLSessionTask>& task);
     void finishTransfer(CURL* easy, CURLcode code);
     void complete(const std::shared_ptr<URLSessionTask>& task, std::shared_ptr<Error> error,
@@ -721,7 +722,7 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
         easy = idleHandles.back();
         idleHandles.pop_back();
     } else {
-        easy = curl_easy_init();
+        easy = newHandle();
     }
     if (!easy) {
         complete(task, urlError(URLErrorUnknown, url, "out of memory"));
@@ -749,48 +750,31 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
         t.downloadPath = pattern;
     }
 
+    // Everything a request sets is set for each one: a handle comes back from
+    // the pool as the previous request left it.
     t.requestedURL = url->absoluteString();
     curl_easy_setopt(easy, CURLOPT_URL, t.requestedURL.c_str());
     curl_easy_setopt(easy, CURLOPT_PRIVATE, &t);
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, t.errorBuffer);
-    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
-    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &onHeader);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, &t);
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &onBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &t);
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout * 1000));
-    if (const auto& cookies = configuration.HTTPCookieStorage()) {
-        curl_easy_setopt(easy, CURLOPT_SHARE, static_cast<CURLSH*>(cookies->nativeHandle()));
-        curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");  // switches the cookie engine on; reads no file
-    }
-
-    // Trust: our evaluation replaces the library's for the chain and covers the
-    // host too, so the library's own host check is redundant; verification of the
-    // peer stays on and reads our verdict.
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);  // every new connection is evaluated
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &t);
-    const bool hooked = curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &onSSLContext) == CURLE_OK;
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, hooked ? 0L : 2L);
+    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &t);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout * 1000));
 
     const std::string& method = request.HTTPMethod();
     const auto& body = request.HTTPBody();
     if (body) t.body = *body;
-    if (!t.body.empty()) {
-        // A body being sent counts as progress against the idle timeout.
-        curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &onProgress);
-        curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &t);
-        curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
-    }
-    if (method == "GET") {
-        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-    } else if (method == "HEAD") {
+    // A body being sent counts as progress against the idle timeout.
+    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, t.body.empty() ? 1L : 0L);
+    // Back to a plain GET first: no body, no custom method, a response body.
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(-1));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, nullptr);
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    if (method == "HEAD") {
         curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
-    } else {
+    } else if (method != "GET") {
         if (method == "POST" || body) {
             curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t.body.size()));
             curl_easy_setopt(easy, CURLOPT_POSTFIELDS, t.body.empty() ? "" : reinterpret_cast<const char*>(t.body.data()));
@@ -815,15 +799,40 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
     if (!hasExpect) t.headers = curl_slist_append(t.headers, "Expect:");
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, t.headers);
     curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, acceptEncoding ? acceptEncoding->c_str() : "");
-    if (!hasUserAgent) curl_easy_setopt(easy, CURLOPT_USERAGENT, "krcommon/1.0");
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, hasUserAgent ? nullptr : "krcommon/1.0");
 
     if (curl_multi_add_handle(multi, easy) != CURLM_OK) {
-        curl_easy_reset(easy);
-        idleHandles.push_back(easy);
+        curl_easy_cleanup(easy);  // t.headers goes with the transfer; the handle must not point at it
         complete(task, urlError(URLErrorUnknown, url, "the transfer could not be started"));
         return;
     }
     transfers.emplace(easy, std::move(transfer));
+}
+
+// A transfer handle with what is the same for every request of this session.
+CURL* SessionEngine::newHandle() {
+    CURL* easy = curl_easy_init();
+    if (!easy) return nullptr;
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &onHeader);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &onBody);
+    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &onProgress);
+    if (const auto& cookies = configuration.HTTPCookieStorage()) {
+        curl_easy_setopt(easy, CURLOPT_SHARE, static_cast<CURLSH*>(cookies->nativeHandle()));
+        curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");  // switches the cookie engine on; reads no file
+    }
+    // Trust: our evaluation replaces the library's for the chain and covers the
+    // host too, so the library's own host check is redundant; verification of the
+    // peer stays on and reads our verdict.
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);  // every new connection is evaluated
+    const bool hooked = curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &onSSLContext) == CURLE_OK;
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, hooked ? 0L : 2L);
+    return easy;
 }
 
 void SessionEngine::cancelTransfer(const std::shared_ptr<URLSessionTask>& task) {
@@ -940,9 +949,11 @@ void SessionEngine::finishTransfer(CURL* easy, CURLcode code) {
 
     auto task = t.task;
     auto gate = t.gate;
+    // The handle goes back to the pool: nothing of it may point into the transfer.
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
     owned.reset();
-    curl_easy_setopt(easy, CURLOPT_COOKIEFILE, nullptr);  // a reset alone would keep the engine's file list
-    curl_easy_reset(easy);
     if (idleHandles.size() < 64) {
         idleHandles.push_back(easy);
     } else {

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -307,6 +308,60 @@ TEST_F(URLSessionTest, PostSendsTheBodyAndHeaders) {
     EXPECT_EQ(received.header("Content-Type"), "application/json");
     EXPECT_EQ(received.header("Content-Length"), "7");
     EXPECT_FALSE(received.hasHeader("Expect"));
+}
+
+// Sequential tasks run on one reused transfer handle: each request goes out as
+// its own, with nothing left over from the one before (method, body, agent, encodings).
+TEST_F(URLSessionTest, SequentialRequestsCarryNothingOfTheOneBefore) {
+    server->route("DELETE", "/thing", [](const auto&, auto& res) { res.set_content("gone", "text/plain"); });
+    server->route("PUT", "/thing", [](const auto& req, auto& res) { res.set_content(req.body, "text/plain"); });
+    struct Step {
+        const char* method;
+        const char* path;
+        std::optional<std::string> body;
+        std::optional<std::string> agent;
+        std::optional<std::string> encodings;
+        const char* answer;  // what the delegate receives
+    };
+    const std::vector<Step> steps = {
+        {"POST", "/echo", "first body", "custom/2", "gzip", "first body"},
+        {"DELETE", "/thing", std::nullopt, std::nullopt, std::nullopt, "gone"},
+        {"GET", "/hello", std::nullopt, std::nullopt, std::nullopt, "hello world"},
+        {"PUT", "/thing", "put body", "custom/3", std::nullopt, "put body"},
+        {"HEAD", "/hello", std::nullopt, std::nullopt, std::nullopt, ""},
+        {"GET", "/hello", std::nullopt, std::nullopt, std::nullopt, "hello world"},
+        {"POST", "/echo", "", std::nullopt, std::nullopt, ""},
+        {"GET", "/hello", std::nullopt, std::nullopt, std::nullopt, "hello world"},
+    };
+    auto session = makeSession();
+    std::set<std::string> peers;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        const Step& step = steps[i];
+        SCOPED_TRACE(std::to_string(i) + ": " + step.method + " " + step.path);
+        URLRequest request = requestFor(url(step.path));
+        request.setHTTPMethod(step.method);
+        if (step.body) request.setHTTPBody(Data(step.body->begin(), step.body->end()));
+        if (step.agent) request.setValue(*step.agent, "User-Agent");
+        if (step.encodings) request.setValue(*step.encodings, "Accept-Encoding");
+        auto task = session->dataTaskWithRequest(request);
+        task->resume();
+        ASSERT_TRUE(recorder->waitForCompletions(i + 1));
+        EXPECT_EQ(recorder->errorOf(task->taskIdentifier()), nullptr);
+        EXPECT_EQ(recorder->bodies[task->taskIdentifier()], step.answer);
+
+        const auto received = server->requests().back();
+        EXPECT_EQ(received.method, step.method);
+        EXPECT_EQ(received.body, step.body.value_or(""));
+        EXPECT_EQ(received.hasHeader("Content-Length"), step.body.has_value());
+        EXPECT_EQ(received.header("User-Agent"), step.agent.value_or("krcommon/1.0"));
+        if (step.encodings) {
+            EXPECT_EQ(received.header("Accept-Encoding"), *step.encodings);
+        } else {
+            EXPECT_NE(received.header("Accept-Encoding").find("deflate"), std::string::npos);
+        }
+        peers.insert(received.header("REMOTE_PORT"));
+    }
+    EXPECT_EQ(peers.size(), 1u) << "the requests did not share one connection";
 }
 
 TEST_F(URLSessionTest, HeaderFieldWithALineBreakIsRefusedBeforeAnythingIsSent) {
