@@ -12,6 +12,7 @@
 #include <climits>
 #include <cmath>
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -28,12 +29,46 @@ namespace {
 using Clock = MainQueue::Clock;
 using Job = MainQueue::Job;
 
-// Jobs are kept in one ordered map: by due time, then by posting order. A job
-// posted with async() is due at the moment it was posted.
+// Jobs run by due time, then by posting order. A job posted with async() is due
+// at the moment it was posted.
 struct Key {
     Clock::time_point due;
     std::uint64_t id;
     auto operator<=>(const Key&) const = default;
+};
+
+// The queued jobs: those posted with async() in a plain FIFO, which is already in
+// key order and costs no node per job; delayed ones in a map, where a token finds them.
+class Jobs {
+public:
+    [[nodiscard]] bool empty() const noexcept { return now_.empty() && later_.empty(); }
+    // The earliest key. Requires !empty().
+    [[nodiscard]] const Key& front() const noexcept {
+        if (later_.empty()) return now_.front().first;
+        if (now_.empty()) return later_.begin()->first;
+        return std::min(now_.front().first, later_.begin()->first);
+    }
+    // Takes the earliest job out. Requires !empty().
+    std::pair<Key, Job> pop() {
+        if (!later_.empty() && (now_.empty() || later_.begin()->first < now_.front().first)) {
+            auto node = later_.extract(later_.begin());
+            return {node.key(), std::move(node.mapped())};
+        }
+        auto job = std::move(now_.front());
+        now_.pop_front();
+        return job;
+    }
+    void pushNow(Key key, Job job) { now_.emplace_back(key, std::move(job)); }
+    void pushLater(Key key, Job job) { later_.emplace(key, std::move(job)); }
+    // Withdraws a delayed job; answers the job, empty when it is not queued.
+    Job withdraw(const Key& key) {
+        auto node = later_.extract(key);
+        return node ? std::move(node.mapped()) : Job();
+    }
+
+private:
+    std::deque<std::pair<Key, Job>> now_;
+    std::map<Key, Job> later_;
 };
 
 // Where the threads inside run(), runUntil() and drain() sleep. A condition
@@ -80,7 +115,7 @@ struct State {
     std::mutex mutex;
     PumpSignal pump;                  // threads inside run(), runUntil(), drain()
     std::condition_variable timerCv;  // the thread handing delayed jobs to a dispatcher
-    std::map<Key, Job> jobs;
+    Jobs jobs;
     std::uint64_t nextId = 1;
     std::shared_ptr<const MainQueue::Dispatcher> dispatcher;
     std::unordered_set<std::uint64_t> handedOver;  // asyncAfter jobs given to the dispatcher, not yet run
@@ -133,12 +168,11 @@ enum class Step { Ran, NothingDue, Busy };
 // Runs the earliest job if it is due and this thread may run it. Called and
 // returns with `lock` held; the job itself runs unlocked.
 Step runOne(State& s, std::unique_lock<std::mutex>& lock) {
-    if (s.dispatcher || s.jobs.empty() || s.jobs.begin()->first.due > Clock::now()) return Step::NothingDue;
+    if (s.dispatcher || s.jobs.empty() || s.jobs.front().due > Clock::now()) return Step::NothingDue;
     const auto me = std::this_thread::get_id();
     if (s.owner && *s.owner != me) return Step::Busy;
 
-    auto node = s.jobs.extract(s.jobs.begin());
-    Job job = std::move(node.mapped());
+    Job job = std::move(s.jobs.pop().second);
     const auto previous = s.owner;
     s.owner = me;
     lock.unlock();
@@ -163,7 +197,7 @@ Step runOne(State& s, std::unique_lock<std::mutex>& lock) {
 // Sleeps until something may have changed for a pump on this thread, or until `limit`.
 void waitForWork(State& s, std::unique_lock<std::mutex>& lock, std::optional<Clock::time_point> limit) {
     const bool mayRun = !s.dispatcher && !s.jobs.empty() && (!s.owner || *s.owner == std::this_thread::get_id());
-    if (mayRun) limit = limit ? std::min(*limit, s.jobs.begin()->first.due) : s.jobs.begin()->first.due;
+    if (mayRun) limit = limit ? std::min(*limit, s.jobs.front().due) : s.jobs.front().due;
     const auto seen = s.pump.prepare();
     lock.unlock();
     s.pump.sleep(seen, limit);
@@ -175,10 +209,10 @@ void waitForWork(State& s, std::unique_lock<std::mutex>& lock, std::optional<Clo
 void handOverDue(State& s, std::unique_lock<std::mutex>& lock) {
     const auto now = Clock::now();
     std::vector<std::pair<std::uint64_t, Job>> due;
-    while (!s.jobs.empty() && s.jobs.begin()->first.due <= now) {
-        auto node = s.jobs.extract(s.jobs.begin());
-        s.handedOver.insert(node.key().id);
-        due.emplace_back(node.key().id, std::move(node.mapped()));
+    while (!s.jobs.empty() && s.jobs.front().due <= now) {
+        auto [key, job] = s.jobs.pop();
+        s.handedOver.insert(key.id);
+        due.emplace_back(key.id, std::move(job));
     }
     if (due.empty()) return;
     const auto dispatcher = s.dispatcher;
@@ -205,7 +239,7 @@ void timerLoop() {
     for (;;) {
         if (!s.dispatcher || s.jobs.empty())
             s.timerCv.wait(lock);
-        else if (const auto due = s.jobs.begin()->first.due; due > Clock::now())
+        else if (const auto due = s.jobs.front().due; due > Clock::now())
             s.timerCv.wait_until(lock, due);
         else
             handOverDue(s, lock);
@@ -224,7 +258,7 @@ bool enqueueNow(State& s, Job job) {
         (*dispatcher)([job = std::move(job)]() mutable { invoke(std::move(job)); });
         return false;
     }
-    s.jobs.emplace(Key{Clock::now(), s.nextId++}, std::move(job));
+    s.jobs.pushNow(Key{Clock::now(), s.nextId++}, std::move(job));
     return true;
 }
 
@@ -262,7 +296,7 @@ MainQueue::Token MainQueue::asyncAfter(double seconds, Job job) {
     auto& s = state();
     std::unique_lock lock(s.mutex);
     const Key key{Clock::now() + toDuration(seconds), s.nextId++};
-    s.jobs.emplace(key, std::move(job));
+    s.jobs.pushLater(key, std::move(job));
     const bool dispatching = s.dispatcher != nullptr;
     lock.unlock();
     if (dispatching)
@@ -276,8 +310,7 @@ bool MainQueue::cancel(const Token& token) {
     if (!token.isValid()) return false;
     auto& s = state();
     std::unique_lock lock(s.mutex);
-    auto node = s.jobs.extract(Key{token.due_, token.id_});
-    if (node) {
+    if (Job withdrawn = s.jobs.withdraw(Key{token.due_, token.id_})) {
         lock.unlock();  // the job's captures are released unlocked
         return true;
     }

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -169,19 +170,29 @@ TEST_F(MainQueueTest, WakeBatchHoldsTheWakeUpOfBatchedPostsUntilItEnds) {
 
 TEST_F(MainQueueTest, DelayedJobsRunByDueTimeAndCanBeCancelled) {
     std::string order;
-    const std::pair<double, char> rows[] = {{0.7, 'e'}, {0.5, 'c'}, {0.0, 'a'}, {0.5, 'd'}, {-1.0, 'b'}};
-    for (const auto& [seconds, name] : rows) MainQueue::asyncAfter(seconds, [&order, c = name] { order += c; });
+    // No delay: an async() job, due when posted like the delayed ones without a delay.
+    const std::pair<std::optional<double>, char> rows[] = {{std::nullopt, '1'}, {0.7, 'e'}, {0.5, 'c'},
+                                                           {0.0, 'a'},          {std::nullopt, '2'}, {0.5, 'd'},
+                                                           {-1.0, 'b'},         {std::nullopt, '3'}};
+    for (const auto& [seconds, name] : rows) {
+        auto job = [&order, c = name] { order += c; };
+        if (seconds) {
+            MainQueue::asyncAfter(*seconds, job);
+        } else {
+            MainQueue::async(job);
+        }
+    }
     auto cancelled = MainQueue::asyncAfter(300ms, [&] { order += 'X'; });
     auto dueButCancelled = MainQueue::asyncAfter(0.0, [&] { order += 'Y'; });
 
     EXPECT_TRUE(MainQueue::cancel(dueButCancelled));
-    EXPECT_EQ(MainQueue::drain(), 2u);  // only a and b are due yet
-    EXPECT_EQ(order, "ab");
+    EXPECT_EQ(MainQueue::drain(), 5u);  // only what had no delay is due yet
+    EXPECT_EQ(order, "1a2b3");
     EXPECT_TRUE(MainQueue::cancel(cancelled));
     EXPECT_FALSE(MainQueue::cancel(cancelled));
 
-    EXPECT_TRUE(MainQueue::runUntil([&] { return order.size() == 5; }, 10.0));
-    EXPECT_EQ(order, "abcde");
+    EXPECT_TRUE(MainQueue::runUntil([&] { return order.size() == 8; }, 10.0));
+    EXPECT_EQ(order, "1a2b3cde");
 }
 
 TEST_F(MainQueueTest, RunUntilGivesUpAfterTheTimeout) {
