@@ -1,9 +1,11 @@
 // Request encoding: KRQueryStringFromParameters against the same dictionary
 // encoded with libcurl's curl_easy_escape (sorted keys, escaped values, joined
 // with "&"), and KRJsonFromParameters against RapidJSON's own PrettyWriter
-// writing the same document.
+// writing the same document. Response decoding: JSONSerialization::parse against
+// RapidJSON parsing the same text into its own document, with the same checks.
 
 #include <krcommon/http/KRRequestSerialization.h>
+#include <krcommon/platform/io/JSONSerialization.h>
 
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
@@ -116,6 +118,30 @@ void BASE_JsonPretty(benchmark::State& state) {
     }
 }
 BENCHMARK(BASE_JsonPretty)->Arg(5)->Arg(50);
+
+// The text parsed: a typical account answer (0), or a statistics batch of n records.
+std::string parseInput(int records) {
+    if (records == 0) return R"({"code":0,"msg":"ok","data":{"uid":"10001","name":"kr","token":"a8f5f167f44f4964e6c998dee827110c"}})";
+    return krcommon::KRJsonFromParameters(Value(makeDocument(records))).value_or("");
+}
+
+void KR_JsonParse(benchmark::State& state) {
+    const std::string text = parseInput(static_cast<int>(state.range(0)));
+    for (auto _ : state) benchmark::DoNotOptimize(krcommon::platform::JSONSerialization::parse(text));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+BENCHMARK(KR_JsonParse)->Arg(0)->Arg(5)->Arg(50);
+
+void BASE_JsonParse(benchmark::State& state) {
+    const std::string text = parseInput(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        rapidjson::Document d;
+        d.Parse<rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag>(text.data(), text.size());
+        benchmark::DoNotOptimize(d);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+BENCHMARK(BASE_JsonParse)->Arg(0)->Arg(5)->Arg(50);
 
 }  // namespace
 

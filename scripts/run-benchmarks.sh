@@ -36,7 +36,7 @@ for f in sorted(pathlib.Path(sys.argv[1]).glob("*.json")):
         if not m:
             continue
         kind, case, rest, _ = m.groups()
-        rest = (rest or "").replace("/real_time", "")
+        rest = re.sub(r"/(real|manual)_time", "", rest or "")
         rows.setdefault((f.stem, case + rest), {})[kind] = b
 def t(b):
     unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b["time_unit"]]

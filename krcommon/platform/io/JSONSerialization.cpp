@@ -67,6 +67,30 @@ bool underflows(std::string_view text) {
     return magnitude + exponent <= 0;
 }
 
+// The members and elements of the containers a parse has open, innermost last.
+// A container is made when it closes, at its final size, so each costs one
+// allocation. Kept per thread between parses, so that parsing a small document
+// allocates nothing else; what a large one left behind is released.
+struct ParseScratch {
+    struct Frame {
+        bool isObject;
+        std::size_t first;  // where its members or elements start
+    };
+    std::vector<Frame> frames;
+    std::vector<std::pair<std::string, Value>> members;
+    std::vector<Value> elements;
+
+    void reset() noexcept {
+        constexpr std::size_t kept = 256;
+        frames.clear();
+        members.clear();
+        elements.clear();
+        if (members.capacity() > kept) std::vector<std::pair<std::string, Value>>().swap(members);
+        if (elements.capacity() > kept) std::vector<Value>().swap(elements);
+        if (frames.capacity() > kept) std::vector<Frame>().swap(frames);
+    }
+};
+
 // Builds Values from RapidJSON's SAX events with an explicit stack of open
 // containers, so deep input costs heap, not native stack, and stops at the limit.
 // Numbers arrive as text (RapidJSON 1.1's own conversion turns "0e-300" into
@@ -74,6 +98,14 @@ bool underflows(std::string_view text) {
 // which rounds correctly.
 class ValueBuilder {
 public:
+    // `checkStrings`: whether the text may hold what wellFormed() looks for.
+    explicit ValueBuilder(bool checkStrings) : checkStrings_(checkStrings), scratch_(threadScratch()) {
+        scratch_.reset();
+    }
+    ~ValueBuilder() { scratch_.reset(); }
+    ValueBuilder(const ValueBuilder&) = delete;
+    ValueBuilder& operator=(const ValueBuilder&) = delete;
+
     bool Null() { return add(platform::Null{}); }
     bool Bool(bool b) { return add(b); }
     // The reader hands over every number through RawNumber(); these complete the handler.
@@ -102,13 +134,30 @@ public:
     }
     bool Key(const char* s, rapidjson::SizeType length, bool) {
         if (!wellFormed(s, length)) return false;
-        stack_.back().key.assign(s, length);
+        scratch_.members.emplace_back(std::string(s, length), Value());  // its value comes next
         return true;
     }
-    bool StartObject() { return open(Dictionary{}); }
-    bool EndObject(rapidjson::SizeType) { return close(); }
-    bool StartArray() { return open(Array{}); }
-    bool EndArray(rapidjson::SizeType) { return close(); }
+    bool StartObject() { return open(true); }
+    bool EndObject(rapidjson::SizeType) {
+        const std::size_t first = scratch_.frames.back().first;
+        auto& members = scratch_.members;
+        Dictionary dictionary;
+        dictionary.reserve(members.size() - first);
+        for (auto i = members.begin() + static_cast<std::ptrdiff_t>(first); i != members.end(); ++i) {
+            dictionary.set(std::move(i->first), std::move(i->second));  // a repeated key keeps the last value
+        }
+        members.erase(members.begin() + static_cast<std::ptrdiff_t>(first), members.end());
+        return close(Value(std::move(dictionary)));
+    }
+    bool StartArray() { return open(false); }
+    bool EndArray(rapidjson::SizeType) {
+        const std::size_t first = scratch_.frames.back().first;
+        auto& elements = scratch_.elements;
+        const auto from = elements.begin() + static_cast<std::ptrdiff_t>(first);
+        Array array(std::make_move_iterator(from), std::make_move_iterator(elements.end()));
+        elements.erase(from, elements.end());
+        return close(Value(std::move(array)));
+    }
 
     std::optional<Value> result;
     bool tooDeep = false;
@@ -117,33 +166,33 @@ public:
     bool loneSurrogate = false;
 
 private:
+    static ParseScratch& threadScratch() {
+        thread_local ParseScratch scratch;
+        return scratch;
+    }
+
     // RapidJSON checks that an escaped high surrogate has its low half but lets
     // a lone low one (\uDC00-\uDFFF) through, encoded as ED B0-BF xx, which is
     // not UTF-8. Raw input has been validated already, so only those bytes can be wrong.
     bool wellFormed(const char* s, rapidjson::SizeType length) {
-        if (!std::memchr(s, 0xED, length) || UTF8::isValid(std::string_view(s, length))) return true;
+        if (!checkStrings_ || !std::memchr(s, 0xED, length) || UTF8::isValid(std::string_view(s, length))) return true;
         loneSurrogate = true;
         return false;
     }
 
-    struct Frame {
-        Value container;
-        std::string key;
-    };
-
-    bool open(Value container) {
-        if (static_cast<int>(stack_.size()) >= JSONSerialization::maximumDepth) {
+    bool open(bool isObject) {
+        auto& frames = scratch_.frames;
+        if (static_cast<int>(frames.size()) >= JSONSerialization::maximumDepth) {
             tooDeep = true;
             return false;
         }
-        stack_.push_back(Frame{std::move(container), {}});
+        frames.push_back({isObject, isObject ? scratch_.members.size() : scratch_.elements.size()});
         return true;
     }
 
-    bool close() {
-        Value done = std::move(stack_.back().container);
-        stack_.pop_back();
-        if (stack_.empty()) {
+    bool close(Value done) {
+        scratch_.frames.pop_back();
+        if (scratch_.frames.empty()) {
             result = std::move(done);
             return true;
         }
@@ -151,21 +200,20 @@ private:
     }
 
     bool add(Value v) {
-        if (stack_.empty()) {  // a scalar at the top level
+        if (scratch_.frames.empty()) {  // a scalar at the top level
             notAContainer = true;
             return false;
         }
-        Frame& top = stack_.back();
-        if (auto* array = top.container.array()) {
-            array->push_back(std::move(v));
+        if (scratch_.frames.back().isObject) {
+            scratch_.members.back().second = std::move(v);
         } else {
-            top.container.dictionary()->set(std::move(top.key), std::move(v));
-            top.key.clear();
+            scratch_.elements.push_back(std::move(v));
         }
         return true;
     }
 
-    std::vector<Frame> stack_;
+    bool checkStrings_;
+    ParseScratch& scratch_;
 };
 
 // The writer's output: a growable byte buffer written through a raw cursor, so
@@ -397,7 +445,10 @@ std::optional<Value> JSONSerialization::parse(std::string_view bytes, std::share
     if (bytes.substr(0, 3) == "\xEF\xBB\xBF") skipped = 3;
     const std::string_view text = bytes.substr(skipped);
 
-    ValueBuilder builder;
+    // The bytes wellFormed() looks for come from a \u escape or stand in the text
+    // as they are: text with neither needs no check per string.
+    ValueBuilder builder(text.find("\\u") != std::string_view::npos ||
+                         text.find('\xED') != std::string_view::npos);
     rapidjson::Reader reader;
     rapidjson::MemoryStream stream(text.data(), text.size());
     constexpr unsigned flags =
