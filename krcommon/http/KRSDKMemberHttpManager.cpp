@@ -84,12 +84,10 @@ std::shared_ptr<platform::URLSession> KRSDKMemberHttpManager::session() {
 
 namespace {
 
-// Normalises a URL string: parsed on its own and written back, or absent.
-std::optional<std::string> normalisedURLString(std::optional<std::string_view> text) {
-    if (!text) return std::nullopt;
-    auto url = URL::URLWithString(*text);
-    if (!url) return std::nullopt;
-    return url->absoluteString();
+// The URL a request is made for: the string parsed on its own, or nothing
+// (absent or unparseable), which the request builders refuse as "URLString".
+std::shared_ptr<URL> requestURL(std::optional<std::string_view> text) {
+    return text ? URL::URLWithString(*text) : nullptr;
 }
 
 std::optional<std::string> headerText(const Value& value) {
@@ -103,9 +101,10 @@ std::optional<std::string> headerText(const Value& value) {
 std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::GET(
     std::optional<std::string_view> URLString, const Value& headerParam, const Value& parameters,
     std::optional<std::string> responseType, Success success, Failure failure) {
-    const auto normalised = normalisedURLString(URLString);
+    auto url = requestURL(URLString);
+    if (!url) failPrecondition("URLString", __func__, __LINE__);
     std::shared_ptr<platform::Error> error;
-    URLRequest request = requestWithMethod("GET", normalised, parameters, false, &error);
+    URLRequest request = requestWithURL("GET", std::move(url), parameters, false);
     request.setTimeoutInterval(requestTimeoutInterval);
     if (const auto* headers = headerParam.dictionary()) {
         for (const auto& [field, value] : *headers) {
@@ -123,9 +122,10 @@ std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::GET(
 std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::POST(
     std::optional<std::string_view> URLString, const Value& headerParam, const Value& parameters,
     std::optional<std::string> responseType, bool isFormatParam, Success success, Failure failure) {
-    const auto normalised = normalisedURLString(URLString);
+    auto url = requestURL(URLString);
+    if (!url) failPrecondition("URLString", __func__, __LINE__);
     std::shared_ptr<platform::Error> error;
-    URLRequest request = requestWithMethod("POST", normalised, parameters, isFormatParam, &error);
+    URLRequest request = requestWithURL("POST", std::move(url), parameters, isFormatParam);
     request.setTimeoutInterval(requestTimeoutInterval);
     if (const auto* headers = headerParam.dictionary()) {
         for (const auto& [field, value] : *headers) request.setValue(headerText(value), field);
@@ -142,9 +142,10 @@ std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::POST(
 std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::uploadData(
     std::optional<std::string_view> URLString, const Value& parameters, std::optional<platform::Data> postData,
     const std::string& dataKey, Success success, Failure failure) {
-    const auto normalised = normalisedURLString(URLString);
+    const auto url = requestURL(URLString);
+    if (!url) failPrecondition("URLString", __func__, __LINE__);
     std::shared_ptr<platform::Error> error;
-    URLRequest request = postUploadData(normalised, parameters, postData, dataKey, &error);
+    URLRequest request = postUploadData(url->absoluteString(), parameters, postData, dataKey, &error);
     if (error) {
         if (failure) platform::MainQueue::async([failure, error] { failure(nullptr, Value(), error); });
         return nullptr;
@@ -372,14 +373,18 @@ URLRequest KRSDKMemberHttpManager::requestWithMethod(std::optional<std::string_v
     if (!URLString) failPrecondition("URLString", __func__, __LINE__);
     auto url = URL::URLWithString(*URLString);
     if (!url) failPrecondition("url", __func__, __LINE__);
+    return requestWithURL(*method, std::move(url), parameters, isFormatParam);
+}
 
-    URLRequest request(url);
-    request.setHTTPMethod(std::string(*method));
+URLRequest KRSDKMemberHttpManager::requestWithURL(std::string_view method, std::shared_ptr<URL> url,
+                                                  const Value& parameters, bool isFormatParam) {
+    URLRequest request(std::move(url));
+    request.setHTTPMethod(std::string(method));
     for (const auto& [field, value] : mutableHTTPRequestHeaders_) {
         if (!request.valueForHTTPHeaderField(field)) request.setValue(value, field);
     }
 
-    if (HTTPMethodsEncodingParametersInURI_.contains(upperCased(*method))) {
+    if (HTTPMethodsEncodingParametersInURI_.contains(upperCased(method))) {
         const auto query = KRQueryStringFromParameters(parameters);
         if (query && !query->empty()) {
             std::string text = request.URL()->absoluteString();

@@ -259,6 +259,9 @@ private:
     using Completion = std::function<void(const std::shared_ptr<platform::URLResponse>&, const platform::Value&,
                                           const std::shared_ptr<platform::Error>&)>;
     [[nodiscard]] std::shared_ptr<platform::Object> handlerFor(std::uint64_t identifier) const;
+    // requestWithMethod() for a URL parsed already (never null).
+    platform::URLRequest requestWithURL(std::string_view method, std::shared_ptr<platform::URL> url,
+                                        const platform::Value& parameters, bool isFormatParam);
     // Makes the task and its handler, files the handler and starts the task.
     std::shared_ptr<platform::URLSessionDataTask> start(const platform::URLRequest& request,
                                                         std::optional<std::optional<std::string>> responseType,

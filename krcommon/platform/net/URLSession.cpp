@@ -301,6 +301,7 @@ std::size_t onHeader(char* buffer, std::size_t size, std::size_t count, void* us
             return length;
         }
     }
+    if (t.responseHeaders.empty()) t.responseHeaders.reserve(12);  // room for a usual answer's fields at once
     t.responseHeaders.emplace_back(std::move(name), std::move(value));
     return length;
 }
