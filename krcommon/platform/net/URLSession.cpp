@@ -576,12 +576,21 @@ void SessionEngine::postForTask(const std::shared_ptr<DispositionGate>& gate,
 
 void SessionEngine::answerResponse(const std::shared_ptr<DispositionGate>& gate,
                                    const std::shared_ptr<URLSessionTask>& task, bool allow) {
+    bool nothingHeld = false;
     {
         std::lock_guard lock(gate->mutex);
         if (gate->state != DispositionGate::State::Waiting) return;
-        gate->state = DispositionGate::State::Releasing;
+        // Usually the answer comes while the response event runs, before any
+        // later event of the task: then the gate simply opens (or shuts).
+        nothingHeld = gate->parked.empty();
+        if (nothingHeld) {
+            gate->state = allow ? DispositionGate::State::Open : DispositionGate::State::Cancelled;
+        } else {
+            gate->state = DispositionGate::State::Releasing;
+        }
     }
     if (!allow) task->cancel();
+    if (nothingHeld) return;
     // One event runs what was held, in order; events arriving meanwhile join the queue.
     post([gate, allow] {
         while (true) {

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -20,6 +21,7 @@ namespace {
 
 using test::TestCertificates;
 using test::TestServer;
+using namespace std::chrono_literals;
 
 // A delegate that writes down every event with the thread it ran on, and
 // answers challenges as the test says.
@@ -32,6 +34,8 @@ class Recorder final : public URLSessionDelegate,
 public:
     std::function<void(const std::shared_ptr<URLAuthenticationChallenge>&, URLSessionChallengeCompletion)> onChallenge;
     URLSessionResponseDisposition responseDisposition = URLSessionResponseDisposition::Allow;
+    // When set, takes the response's completion instead of answering it at once.
+    std::function<void(URLSessionResponseCompletion)> keepResponseAnswer;
     std::shared_ptr<OperationQueue> queue;
 
     struct Completion {
@@ -60,7 +64,11 @@ public:
             std::lock_guard lock(mutex);
             responses.push_back(std::dynamic_pointer_cast<HTTPURLResponse>(response));
         }
-        completion(responseDisposition);
+        if (keepResponseAnswer) {
+            keepResponseAnswer(std::move(completion));
+        } else {
+            completion(responseDisposition);
+        }
     }
     void didReceiveData(const std::shared_ptr<URLSession>&, const std::shared_ptr<URLSessionDataTask>& task,
                         std::optional<std::span<const std::uint8_t>> data) override {
@@ -450,6 +458,55 @@ TEST_F(URLSessionTest, ResponseDispositionCancelStopsTheTask) {
     task->resume();
     ASSERT_TRUE(recorder->waitForCompletions(1));
     EXPECT_EQ(recorder->errorOf(task->taskIdentifier())->code(), URLErrorCancelled);
+}
+
+// The delegate answers the response only after the transfer has ended, from
+// another thread: until then the task's data and completion wait; then they run
+// in order, or, refused or never answered, the data goes and the task ends cancelled.
+TEST_F(URLSessionTest, ResponseAnsweredAfterTheTransferEndedReleasesOrDropsWhatWaited) {
+    enum class Answer { Allow, Cancel, Dropped };
+    for (const Answer answer : {Answer::Allow, Answer::Cancel, Answer::Dropped}) {
+        SCOPED_TRACE(static_cast<int>(answer));
+        recorder = std::make_shared<Recorder>();
+        recorder->queue = std::make_shared<OperationQueue>(1);
+        std::mutex mutex;
+        std::condition_variable kept;
+        URLSessionResponseCompletion completion;
+        recorder->keepResponseAnswer = [&](URLSessionResponseCompletion c) {
+            std::lock_guard lock(mutex);
+            completion = std::move(c);
+            kept.notify_all();
+        };
+        auto session = makeSession();
+        auto task = session->dataTaskWithRequest(requestFor(url("/hello")));
+        task->resume();
+        {
+            std::unique_lock lock(mutex);
+            ASSERT_TRUE(kept.wait_for(lock, 10s, [&] { return completion != nullptr; }));
+        }
+        for (int i = 0; i < 1000 && task->state() != URLSessionTaskState::Completed; ++i) std::this_thread::sleep_for(5ms);
+        ASSERT_EQ(task->state(), URLSessionTaskState::Completed);
+        std::this_thread::sleep_for(50ms);  // the data and completion events reach the queue and wait there
+        EXPECT_EQ(recorder->eventsOf(task->taskIdentifier()), (std::vector<std::string>{"response"}));
+
+        std::thread([&, answer] {
+            if (answer == Answer::Allow) completion(URLSessionResponseDisposition::Allow);
+            if (answer == Answer::Cancel) completion(URLSessionResponseDisposition::Cancel);
+            completion = nullptr;  // dropped unanswered: a refusal
+        }).join();
+        ASSERT_TRUE(recorder->waitForCompletions(1));
+        if (answer == Answer::Allow) {
+            EXPECT_EQ(recorder->eventsOf(task->taskIdentifier()),
+                      (std::vector<std::string>{"response", "data", "complete"}));
+            EXPECT_EQ(recorder->bodies[task->taskIdentifier()], "hello world");
+            EXPECT_EQ(recorder->errorOf(task->taskIdentifier()), nullptr);
+        } else {
+            EXPECT_EQ(recorder->eventsOf(task->taskIdentifier()), (std::vector<std::string>{"response", "complete"}));
+            ASSERT_NE(recorder->errorOf(task->taskIdentifier()), nullptr);
+            EXPECT_EQ(recorder->errorOf(task->taskIdentifier())->code(), URLErrorCancelled);
+        }
+        EXPECT_FALSE(recorder->offQueue);
+    }
 }
 
 TEST_F(URLSessionTest, DownloadTaskHandsOverATemporaryFileThenRemovesIt) {
