@@ -103,17 +103,12 @@ std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::GET(
     std::optional<std::string> responseType, Success success, Failure failure) {
     auto url = requestURL(URLString);
     if (!url) failPrecondition("URLString", __func__, __LINE__);
-    std::shared_ptr<platform::Error> error;
     URLRequest request = requestWithURL("GET", std::move(url), parameters, false);
     request.setTimeoutInterval(requestTimeoutInterval);
     if (const auto* headers = headerParam.dictionary()) {
         for (const auto& [field, value] : *headers) {
             if (!request.valueForHTTPHeaderField(field)) request.setValue(headerText(value), field);
         }
-    }
-    if (error) {
-        if (failure) platform::MainQueue::async([failure, error] { failure(nullptr, Value(), error); });
-        return nullptr;
     }
     return start(request, std::optional<std::optional<std::string>>(std::move(responseType)), true,
                  std::move(success), std::move(failure));
@@ -124,15 +119,10 @@ std::shared_ptr<platform::URLSessionDataTask> KRSDKMemberHttpManager::POST(
     std::optional<std::string> responseType, bool isFormatParam, Success success, Failure failure) {
     auto url = requestURL(URLString);
     if (!url) failPrecondition("URLString", __func__, __LINE__);
-    std::shared_ptr<platform::Error> error;
     URLRequest request = requestWithURL("POST", std::move(url), parameters, isFormatParam);
     request.setTimeoutInterval(requestTimeoutInterval);
     if (const auto* headers = headerParam.dictionary()) {
         for (const auto& [field, value] : *headers) request.setValue(headerText(value), field);
-    }
-    if (error) {
-        if (failure) platform::MainQueue::async([failure, error] { failure(nullptr, Value(), error); });
-        return nullptr;
     }
     std::optional<std::optional<std::string>> type;
     if (responseType) type.emplace(std::move(responseType));
