@@ -18,6 +18,8 @@
 #include <atomic>
 #include <cctype>
 #include <random>
+#include <type_traits>
+#include <typeinfo>
 
 namespace krcommon {
 
@@ -30,6 +32,23 @@ namespace {
 // The second logging path's switches: plain process-wide flags, read without a lock.
 std::atomic<std::int64_t> disableErrorLog{0};
 std::atomic<std::int64_t> disableDebugLog{0};
+
+// The filed handler in its role `Role`, or nullptr when it has none. The
+// manager's own handler class is recognised by its exact type, which spares
+// every event a search through the class hierarchy; any other object (a
+// subclass, or whatever a caller filed) is asked the long way.
+template <class Role>
+Role* handlerAs(platform::Object* handler) {
+    if (!handler) return nullptr;
+    if (typeid(*handler) == typeid(KRSDKResponseHandler)) {
+        if constexpr (std::is_base_of_v<Role, KRSDKResponseHandler>) {
+            return static_cast<KRSDKResponseHandler*>(handler);
+        } else {
+            return nullptr;
+        }
+    }
+    return dynamic_cast<Role*>(handler);
+}
 
 // A broken precondition of a request builder: a programming error of the caller.
 [[noreturn]] void failPrecondition(const char* name, const char* function, std::uint64_t line) {
@@ -313,7 +332,7 @@ void KRSDKMemberHttpManager::didCompleteWithError(const std::shared_ptr<platform
                                                   const std::shared_ptr<platform::URLSessionTask>& task,
                                                   const std::shared_ptr<platform::Error>& error) {
     auto handler = task ? handlerFor(task->taskIdentifier()) : nullptr;
-    if (auto* receiver = dynamic_cast<platform::URLSessionTaskCompletionDelegate*>(handler.get())) {
+    if (auto* receiver = handlerAs<platform::URLSessionTaskCompletionDelegate>(handler.get())) {
         receiver->didCompleteWithError(session, task, error);
     }
 }
@@ -329,7 +348,7 @@ void KRSDKMemberHttpManager::didBecomeDownloadTask(const std::shared_ptr<platfor
                                                    const std::shared_ptr<platform::URLSessionDataTask>& dataTask,
                                                    const std::shared_ptr<platform::URLSessionDownloadTask>& downloadTask) {
     auto handler = dataTask ? handlerFor(dataTask->taskIdentifier()) : nullptr;
-    if (auto* receiver = dynamic_cast<platform::URLSessionDataBecomeDownloadDelegate*>(handler.get())) {
+    if (auto* receiver = handlerAs<platform::URLSessionDataBecomeDownloadDelegate>(handler.get())) {
         receiver->didBecomeDownloadTask(session, dataTask, downloadTask);
     }
 }
@@ -338,7 +357,7 @@ void KRSDKMemberHttpManager::didReceiveData(const std::shared_ptr<platform::URLS
                                             const std::shared_ptr<platform::URLSessionDataTask>& dataTask,
                                             std::optional<std::span<const std::uint8_t>> data) {
     auto handler = dataTask ? handlerFor(dataTask->taskIdentifier()) : nullptr;
-    if (auto* receiver = dynamic_cast<platform::URLSessionDataReceiveDelegate*>(handler.get())) {
+    if (auto* receiver = handlerAs<platform::URLSessionDataReceiveDelegate>(handler.get())) {
         receiver->didReceiveData(session, dataTask, data);
     }
 }
@@ -349,8 +368,8 @@ void KRSDKMemberHttpManager::didFinishDownloadingToURL(
     const std::shared_ptr<platform::URL>& location) {
     auto handler = downloadTask ? handlerFor(downloadTask->taskIdentifier()) : nullptr;
     // The test is for data events, the call for the download: kept as the SDK has it.
-    if (dynamic_cast<platform::URLSessionDataReceiveDelegate*>(handler.get()) == nullptr) return;
-    if (auto* receiver = dynamic_cast<platform::URLSessionDownloadFinishDelegate*>(handler.get())) {
+    if (handlerAs<platform::URLSessionDataReceiveDelegate>(handler.get()) == nullptr) return;
+    if (auto* receiver = handlerAs<platform::URLSessionDownloadFinishDelegate>(handler.get())) {
         receiver->didFinishDownloadingToURL(session, downloadTask, location);
     }
 }

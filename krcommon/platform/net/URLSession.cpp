@@ -27,6 +27,7 @@
 #include <filesystem>
 #include <mutex>
 #include <thread>
+#include <typeinfo>
 #include <unordered_map>
 #include <vector>
 
@@ -115,7 +116,10 @@ std::string trimmed(std::string_view text) {
     return std::string(text);
 }
 
-bool hasLineBreak(std::string_view text) { return text.find_first_of("\r\n") != std::string_view::npos; }
+// A plain loop: find_first_of() calls memchr() once per character of the text.
+bool hasLineBreak(std::string_view text) {
+    return std::any_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n'; });
+}
 
 }  // namespace
 
@@ -155,7 +159,14 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     // the caller less than the multi handle's own socket pair; -1 when none could
     // be made, and the multi handle's wake-up serves instead.
     int wakeFd = -1;
-    bool delegateTakesResponses = false;  // decided once, when the session is made
+    // What the delegate implements, looked up once when the session is made, so
+    // that an event finds its receiver without a type search. A pointer is used
+    // only while `delegate` locks, which keeps the object alive.
+    URLSessionChallengeDelegate* challengeReceiver = nullptr;
+    URLSessionDataResponseDelegate* responseReceiver = nullptr;
+    URLSessionDataReceiveDelegate* dataReceiver = nullptr;
+    URLSessionDownloadFinishDelegate* downloadReceiver = nullptr;
+    URLSessionTaskCompletionDelegate* completionReceiver = nullptr;
 
     // Waiting for a delegate's answer to a challenge or for a wake-up.
     std::mutex waitMutex;
@@ -240,6 +251,7 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
 struct Transfer {
     SessionEngine* engine = nullptr;
     std::shared_ptr<URLSessionTask> task;
+    std::shared_ptr<URLSessionDataTask> dataTask;  // the same task when it is a data task
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     Data body;
@@ -744,7 +756,9 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
     t.engine = this;
     t.task = task;
     t.easy = easy;
-    t.isDownload = dynamic_cast<URLSessionDownloadTask*>(task.get()) != nullptr;
+    // Both task classes are final: their exact type says which one this is.
+    if (typeid(*task) == typeid(URLSessionDataTask)) t.dataTask = std::static_pointer_cast<URLSessionDataTask>(task);
+    t.isDownload = typeid(*task) == typeid(URLSessionDownloadTask);
     const double timeout = request.timeoutInterval() > 0 ? request.timeoutInterval() : URLRequest::defaultTimeoutInterval;
     t.idleTimeout = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout));
     t.touched();
@@ -893,8 +907,8 @@ void SessionEngine::deliverResponse(Transfer& t) {
         std::lock_guard lock(t.task->mutex_);
         t.task->response_ = response;
     }
-    auto dataTask = std::dynamic_pointer_cast<URLSessionDataTask>(t.task);
-    if (!dataTask || !delegateTakesResponses) return;
+    const auto& dataTask = t.dataTask;
+    if (!dataTask || !responseReceiver) return;
     t.gate = std::make_shared<DispositionGate>();
     auto answer = std::make_shared<ResponseAnswer>();
     answer->engine = shared_from_this();
@@ -903,7 +917,7 @@ void SessionEngine::deliverResponse(Transfer& t) {
     post([self = shared_from_this(), dataTask, response, answer] {
         auto session = self->session.lock();
         auto delegate = self->delegate.lock();
-        auto* receiver = dynamic_cast<URLSessionDataResponseDelegate*>(delegate.get());
+        auto* receiver = delegate ? self->responseReceiver : nullptr;
         if (!session || !receiver) return;  // the answer, dropped, cancels
         receiver->didReceiveResponse(session, dataTask, response,
                                      [answer](URLSessionResponseDisposition disposition) { answer->give(disposition); });
@@ -913,12 +927,11 @@ void SessionEngine::deliverResponse(Transfer& t) {
 void SessionEngine::flushData(Transfer& t) {
     t.hasPendingData = false;
     if (t.pendingData.empty()) return;
-    auto dataTask = std::dynamic_pointer_cast<URLSessionDataTask>(t.task);
-    postForTask(t.gate, [self = shared_from_this(), dataTask, bytes = std::move(t.pendingData)](bool cancelled) {
+    postForTask(t.gate, [self = shared_from_this(), dataTask = t.dataTask, bytes = std::move(t.pendingData)](bool cancelled) {
         if (cancelled || dataTask->state() == URLSessionTaskState::Canceling) return;
         auto session = self->session.lock();
         auto delegate = self->delegate.lock();
-        auto* receiver = dynamic_cast<URLSessionDataReceiveDelegate*>(delegate.get());
+        auto* receiver = delegate ? self->dataReceiver : nullptr;
         if (session && receiver) receiver->didReceiveData(session, dataTask, std::span<const std::uint8_t>(bytes));
     });
     t.pendingData = Data();
@@ -950,7 +963,7 @@ void SessionEngine::finishTransfer(CURL* easy, CURLcode code) {
         postForTask(t.gate, [self = shared_from_this(), downloadTask, path = std::move(t.downloadPath)](bool cancelled) {
             auto session = self->session.lock();
             auto delegate = self->delegate.lock();
-            auto* receiver = dynamic_cast<URLSessionDownloadFinishDelegate*>(delegate.get());
+            auto* receiver = delegate ? self->downloadReceiver : nullptr;
             if (session && receiver && !cancelled) receiver->didFinishDownloadingToURL(session, downloadTask, URL::fileURLWithPath(path));
             ::unlink(path.c_str());
         });
@@ -989,7 +1002,7 @@ void SessionEngine::complete(const std::shared_ptr<URLSessionTask>& task, std::s
         }
         auto session = self->session.lock();
         auto delegate = self->delegate.lock();
-        auto* receiver = dynamic_cast<URLSessionTaskCompletionDelegate*>(delegate.get());
+        auto* receiver = delegate ? self->completionReceiver : nullptr;
         if (session && receiver) receiver->didCompleteWithError(session, task, error);
     });
 }
@@ -1049,7 +1062,7 @@ bool SessionEngine::decideTrust(Transfer& t, X509_STORE_CTX* context) {
         auto session = self->session.lock();
         auto delegate = self->delegate.lock();
         if (!session || !delegate) return;  // the guard refuses
-        auto* decider = dynamic_cast<URLSessionChallengeDelegate*>(delegate.get());
+        auto* decider = self->challengeReceiver;
         if (!decider) {
             guard->answer->give(URLSessionAuthChallengeDisposition::PerformDefaultHandling, nullptr);
             return;
@@ -1110,7 +1123,11 @@ std::shared_ptr<URLSession> URLSession::sessionWithConfiguration(
     auto engine = std::make_shared<SessionEngine>();
     engine->configuration = configuration ? *configuration : URLSessionConfiguration();
     if (auto alive = delegate.lock()) {
-        engine->delegateTakesResponses = dynamic_cast<URLSessionDataResponseDelegate*>(alive.get()) != nullptr;
+        engine->challengeReceiver = dynamic_cast<URLSessionChallengeDelegate*>(alive.get());
+        engine->responseReceiver = dynamic_cast<URLSessionDataResponseDelegate*>(alive.get());
+        engine->dataReceiver = dynamic_cast<URLSessionDataReceiveDelegate*>(alive.get());
+        engine->downloadReceiver = dynamic_cast<URLSessionDownloadFinishDelegate*>(alive.get());
+        engine->completionReceiver = dynamic_cast<URLSessionTaskCompletionDelegate*>(alive.get());
     }
     engine->delegate = std::move(delegate);
     engine->delegateQueue = delegateQueue ? std::move(delegateQueue) : std::make_shared<OperationQueue>(1);
