@@ -60,6 +60,27 @@ Dictionary::Dictionary(std::initializer_list<Entry> entries) {
     for (const auto& e : entries) set(e.first, e.second);
 }
 
+Dictionary::Dictionary(std::vector<Entry> entries) : entries_(std::move(entries)) {
+    // Keys usually differ: check that, and only replay the entries through set()
+    // when one repeats.
+    bool repeats = false;
+    if (entries_.size() < kIndexThreshold) {
+        for (std::size_t i = 1; i < entries_.size() && !repeats; ++i) {
+            for (std::size_t j = 0; j < i && !repeats; ++j) repeats = entries_[i].first == entries_[j].first;
+        }
+    } else {
+        rebuildIndex();
+        for (std::size_t i = 0; i < entries_.size() && !repeats; ++i) {
+            repeats = slotOf(entries_[i].first) != static_cast<std::ptrdiff_t>(i);
+        }
+    }
+    if (!repeats) return;
+    std::vector<Entry> given = std::move(entries_);
+    clear();
+    reserve(given.size());
+    for (auto& [key, value] : given) set(std::move(key), std::move(value));
+}
+
 std::ptrdiff_t Dictionary::slotOf(std::string_view key) const noexcept {
     if (index_.empty()) {
         for (std::size_t i = 0; i < entries_.size(); ++i)

@@ -67,6 +67,9 @@ public:
 
     Dictionary();
     Dictionary(std::initializer_list<Entry> entries);
+    /// Takes over `entries` in their order. A key that occurs more than once keeps
+    /// its first position and its last value, as a series of set() calls leaves it.
+    explicit Dictionary(std::vector<Entry> entries);
     Dictionary(const Dictionary&);
     Dictionary(Dictionary&&) noexcept;
     Dictionary& operator=(const Dictionary&);

@@ -142,12 +142,11 @@ public:
     bool EndObject(rapidjson::SizeType) {
         const std::size_t first = scratch_.frames.back().first;
         auto& members = scratch_.members;
-        Dictionary dictionary;
-        dictionary.reserve(members.size() - first);
-        for (auto i = members.begin() + static_cast<std::ptrdiff_t>(first); i != members.end(); ++i) {
-            dictionary.set(std::move(i->first), std::move(i->second));  // a repeated key keeps the last value
-        }
-        members.erase(members.begin() + static_cast<std::ptrdiff_t>(first), members.end());
+        const auto from = members.begin() + static_cast<std::ptrdiff_t>(first);
+        // A repeated key keeps its first position and its last value.
+        Dictionary dictionary(std::vector<Dictionary::Entry>(std::make_move_iterator(from),
+                                                             std::make_move_iterator(members.end())));
+        members.erase(from, members.end());
         return close(Value(std::move(dictionary)));
     }
     bool StartArray() { return open(false); }

@@ -64,6 +64,30 @@ TEST(Dictionary, KeepsInsertionOrderAndFindsEveryKeyWhenLarge) {
     EXPECT_TRUE(d["missing"].isNil());
 }
 
+// Taking over a list of entries must leave what the same entries set one by one
+// would: small lists are checked by scanning, large ones through the index.
+TEST(Dictionary, TakesOverEntriesAsSettingThemInTurnWould) {
+    for (const std::size_t size : {1u, 3u, 7u, 8u, 50u}) {
+        for (const bool repeat : {false, true}) {
+            std::vector<Dictionary::Entry> entries;
+            for (std::size_t i = 0; i < size; ++i) entries.emplace_back("k" + std::to_string(i), static_cast<int>(i));
+            if (repeat) {
+                entries.emplace_back("k0", "last");
+                entries.emplace_back("k" + std::to_string(size / 2), "middle");
+            }
+            Dictionary expected;
+            for (const auto& [key, value] : entries) expected.set(key, value);
+            const Dictionary taken(entries);
+            std::vector<std::string> order;
+            for (const auto& [key, value] : taken) order.push_back(key);
+            EXPECT_EQ(order, expected.keys()) << size << (repeat ? " with repeats" : "");
+            EXPECT_EQ(taken, expected) << size;
+            for (const auto& [key, value] : expected) EXPECT_EQ(taken[key], value) << key;
+            EXPECT_TRUE(taken["absent"].isNil());
+        }
+    }
+}
+
 TEST(Error, DescriptionAndLocalizedDescription) {
     Error plain("KRSDKResponseDataIsNull", -1);
     EXPECT_EQ(plain.localizedDescription(),
