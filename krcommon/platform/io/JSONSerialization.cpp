@@ -449,7 +449,9 @@ std::optional<Value> JSONSerialization::parse(std::string_view bytes, std::share
     // as they are: text with neither needs no check per string.
     ValueBuilder builder(text.find("\\u") != std::string_view::npos ||
                          text.find('\xED') != std::string_view::npos);
-    rapidjson::Reader reader;
+    // The reader keeps its state stack between parses: a parse of a document no
+    // deeper than one before it allocates none. Each parse starts it afresh.
+    thread_local rapidjson::Reader reader;
     rapidjson::MemoryStream stream(text.data(), text.size());
     constexpr unsigned flags =
         rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseValidateEncodingFlag;

@@ -188,7 +188,7 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     // the worker cannot join itself, so it keeps the engine alive until it ends.
     std::shared_ptr<SessionEngine> selfUntilEnd;
     std::unordered_map<CURL*, std::unique_ptr<Transfer>> transfers;
-    std::vector<CURL*> idleHandles;
+    std::vector<std::unique_ptr<Transfer>> idleTransfers;  // handles kept for the next requests
     std::vector<Transfer*> withPendingData;
     Clock::time_point roundStart{};  // when the worker last entered the multi handle
 
@@ -247,12 +247,11 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     }
 };
 
-// One running load on the worker thread.
-struct Transfer {
-    SessionEngine* engine = nullptr;
+// What one request puts into the transfer that runs it. A transfer goes back
+// to its session's pool with all of it reset.
+struct TransferRequest {
     std::shared_ptr<URLSessionTask> task;
     std::shared_ptr<URLSessionDataTask> dataTask;  // the same task when it is a data task
-    CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     Data body;
     bool isDownload = false;
@@ -272,15 +271,48 @@ struct Transfer {
 
     std::shared_ptr<Error> forcedError;  // set by cancel, timeout or a refused challenge
     char errorBuffer[CURL_ERROR_SIZE] = {};
+};
 
+// A transfer handle and the request it runs, on the worker thread. The handle
+// points at this object (callback data, error buffer) for its whole life, so a
+// pooled transfer starts its next request without setting those again.
+struct Transfer : TransferRequest {
+    Transfer(SessionEngine* owner, CURL* handle) : engine(owner), easy(handle) {
+        curl_easy_setopt(easy, CURLOPT_PRIVATE, this);
+        curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
+        curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+        curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
+        curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
+    }
     ~Transfer() {
-        if (headers) curl_slist_free_all(headers);
-        if (downloadFd >= 0) ::close(downloadFd);
-        if (!downloadPath.empty()) ::unlink(downloadPath.c_str());
+        curl_easy_cleanup(easy);
+        releaseRequest();
+    }
+    Transfer(const Transfer&) = delete;
+    Transfer& operator=(const Transfer&) = delete;
+
+    // Ends the request: what it holds is released, its state reset for the next one.
+    void endRequest() {
+        // The handle goes back to the pool: it must not point at what is released.
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
+        releaseRequest();
+        static_cast<TransferRequest&>(*this) = TransferRequest();
     }
     void touched() { lastProgress = Clock::now(); }
     // From curl's callbacks, many per round: the round's start time is close enough for an idle timeout.
     void progressed();
+
+    SessionEngine* const engine;
+    CURL* const easy;
+
+private:
+    void releaseRequest() noexcept {
+        if (headers) curl_slist_free_all(headers);
+        if (downloadFd >= 0) ::close(downloadFd);
+        if (!downloadPath.empty()) ::unlink(downloadPath.c_str());
+    }
 };
 
 inline void Transfer::progressed() { lastProgress = engine->roundStart; }
@@ -702,11 +734,9 @@ void SessionEngine::run() {
         transfer->task->state_.store(URLSessionTaskState::Completed, std::memory_order_release);
         std::lock_guard lock(transfer->task->mutex_);
         transfer->task->error_ = urlError(URLErrorCancelled, transfer->task->request_.URL());
-        curl_easy_cleanup(easy);
     }
     transfers.clear();
-    for (CURL* easy : idleHandles) curl_easy_cleanup(easy);
-    idleHandles.clear();
+    idleTransfers.clear();
     workerOf = nullptr;
     // Last: may destroy this engine, when its session was dropped on this thread.
     auto keep = std::move(selfUntilEnd);
@@ -739,23 +769,19 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
         }
     }
 
-    CURL* easy = nullptr;
-    if (!idleHandles.empty()) {
-        easy = idleHandles.back();
-        idleHandles.pop_back();
+    std::unique_ptr<Transfer> transfer;
+    if (!idleTransfers.empty()) {
+        transfer = std::move(idleTransfers.back());
+        idleTransfers.pop_back();
+    } else if (CURL* fresh = newHandle()) {
+        transfer = std::make_unique<Transfer>(this, fresh);
     } else {
-        easy = newHandle();
-    }
-    if (!easy) {
         complete(task, urlError(URLErrorUnknown, url, "out of memory"));
         return;
     }
-
-    auto transfer = std::make_unique<Transfer>();
     Transfer& t = *transfer;
-    t.engine = this;
+    CURL* const easy = t.easy;
     t.task = task;
-    t.easy = easy;
     // Both task classes are final: their exact type says which one this is.
     if (typeid(*task) == typeid(URLSessionDataTask)) t.dataTask = std::static_pointer_cast<URLSessionDataTask>(task);
     t.isDownload = typeid(*task) == typeid(URLSessionDownloadTask);
@@ -767,7 +793,8 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
         std::string pattern = (std::filesystem::temp_directory_path() / "krcommon-download-XXXXXX").string();
         t.downloadFd = ::mkstemp(pattern.data());
         if (t.downloadFd < 0) {
-            idleHandles.push_back(easy);
+            t.endRequest();
+            idleTransfers.push_back(std::move(transfer));
             complete(task, urlError(URLErrorUnknown, url, "cannot create the download file"));
             return;
         }
@@ -778,12 +805,6 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
     // the pool as the previous request left it.
     t.requestedURL = url->absoluteString();
     curl_easy_setopt(easy, CURLOPT_URL, t.requestedURL.c_str());
-    curl_easy_setopt(easy, CURLOPT_PRIVATE, &t);
-    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, t.errorBuffer);
-    curl_easy_setopt(easy, CURLOPT_HEADERDATA, &t);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &t);
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &t);
-    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &t);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout * 1000));
 
     const std::string& method = request.HTTPMethod();
@@ -826,7 +847,7 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
     curl_easy_setopt(easy, CURLOPT_USERAGENT, hasUserAgent ? nullptr : "krcommon/1.0");
 
     if (curl_multi_add_handle(multi, easy) != CURLM_OK) {
-        curl_easy_cleanup(easy);  // t.headers goes with the transfer; the handle must not point at it
+        transfer.reset();  // handle and all
         complete(task, urlError(URLErrorUnknown, url, "the transfer could not be started"));
         return;
     }
@@ -972,15 +993,11 @@ void SessionEngine::finishTransfer(CURL* easy, CURLcode code) {
 
     auto task = t.task;
     auto gate = t.gate;
-    // The handle goes back to the pool: nothing of it may point into the transfer.
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
-    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
-    owned.reset();
-    if (idleHandles.size() < 64) {
-        idleHandles.push_back(easy);
+    if (idleTransfers.size() < 64) {
+        t.endRequest();
+        idleTransfers.push_back(std::move(owned));
     } else {
-        curl_easy_cleanup(easy);
+        owned.reset();
     }
     complete(task, std::move(error), gate);
 }
