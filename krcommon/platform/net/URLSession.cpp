@@ -175,7 +175,14 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
 
     // Events for the delegate queue, run in order one at a time.
     std::mutex eventMutex;
-    std::deque<std::function<void()>> events;
+    // An event for the delegate queue: a plain one, or a task's event that its
+    // gate may hold back (see postForTask()).
+    struct Event {
+        std::function<void()> plain;
+        std::function<void(bool cancelled)> forTask;
+        std::shared_ptr<DispositionGate> gate;
+    };
+    std::deque<Event> events;
     bool drainScheduled = false;
 
     // Worker-only state.
@@ -220,7 +227,9 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
         waitCondition.notify_all();
     }
 
-    void post(std::function<void()> event);
+    void post(std::function<void()> event) { enqueue(Event{std::move(event), {}, {}}); }
+    void enqueue(Event event);
+    static void runForTask(Event& event);
     void postForTask(const std::shared_ptr<DispositionGate>& gate, std::function<void(bool cancelled)> event);
     void answerResponse(const std::shared_ptr<DispositionGate>& gate, const std::shared_ptr<URLSessionTask>& task,
                         bool allow);
@@ -513,7 +522,7 @@ void SessionEngine::shutdown() {
     }
     // Dropped events may answer what they carried (a refusal, a cancel), which
     // posts again: let them go outside the lock.
-    std::deque<std::function<void()>> dropped;
+    std::deque<Event> dropped;
     {
         std::lock_guard lock(eventMutex);
         dropped.swap(events);
@@ -554,7 +563,7 @@ void SessionEngine::submitCancel(std::shared_ptr<URLSessionTask> task) {
     wakeWorker();
 }
 
-void SessionEngine::post(std::function<void()> event) {
+void SessionEngine::enqueue(Event event) {
     // A session going away delivers nothing more. Events dropped while it shuts
     // down may answer what they carried and post again; those go too (the
     // event is destroyed here, outside the lock).
@@ -595,27 +604,32 @@ void SessionEngine::handOffDrain() {
 
 void SessionEngine::postForTask(const std::shared_ptr<DispositionGate>& gate,
                                 std::function<void(bool cancelled)> event) {
-    if (!gate) {
-        post([event = std::move(event)] { event(false); });
+    enqueue(Event{{}, std::move(event), gate});
+}
+
+// On the delegate queue: runs a task's event, or parks it while the task's
+// response waits for the delegate's answer.
+void SessionEngine::runForTask(Event& event) {
+    if (!event.gate) {
+        event.forTask(false);
         return;
     }
-    post([gate, event = std::move(event)]() mutable {
-        std::unique_lock lock(gate->mutex);
-        switch (gate->state) {
-            case DispositionGate::State::Waiting:
-            case DispositionGate::State::Releasing:
-                gate->parked.push_back(std::move(event));
-                return;
-            case DispositionGate::State::Open:
-                lock.unlock();
-                event(false);
-                return;
-            case DispositionGate::State::Cancelled:
-                lock.unlock();
-                event(true);
-                return;
-        }
-    });
+    DispositionGate& gate = *event.gate;
+    std::unique_lock lock(gate.mutex);
+    switch (gate.state) {
+        case DispositionGate::State::Waiting:
+        case DispositionGate::State::Releasing:
+            gate.parked.push_back(std::move(event.forTask));
+            return;
+        case DispositionGate::State::Open:
+            lock.unlock();
+            event.forTask(false);
+            return;
+        case DispositionGate::State::Cancelled:
+            lock.unlock();
+            event.forTask(true);
+            return;
+    }
 }
 
 void SessionEngine::answerResponse(const std::shared_ptr<DispositionGate>& gate,
@@ -658,7 +672,7 @@ void SessionEngine::drainEvents() {
     // the events post to the main queue in a batch wakes the main thread once.
     MainQueue::WakeBatch burst;
     for (int ran = 0; ran < 64; ++ran) {
-        std::function<void()> event;
+        Event event;
         {
             std::lock_guard lock(eventMutex);
             if (events.empty()) {
@@ -668,7 +682,11 @@ void SessionEngine::drainEvents() {
             event = std::move(events.front());
             events.pop_front();
         }
-        event();
+        if (event.plain) {
+            event.plain();
+        } else {
+            runForTask(event);
+        }
     }
     {
         std::lock_guard lock(eventMutex);
