@@ -28,7 +28,6 @@
 #include <mutex>
 #include <thread>
 #include <typeinfo>
-#include <unordered_map>
 #include <vector>
 
 namespace krcommon::platform {
@@ -134,7 +133,7 @@ struct DispositionGate {
     enum class State { Waiting, Releasing, Open, Cancelled };
     std::mutex mutex;
     State state = State::Waiting;
-    std::deque<std::function<void(bool cancelled)>> parked;
+    std::vector<std::function<void(bool cancelled)>> parked;  // in arrival order
 };
 
 // The state of a session shared by the session object, its tasks and the events
@@ -194,7 +193,7 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     // Set when the session is dropped from a delegate event the worker is running:
     // the worker cannot join itself, so it keeps the engine alive until it ends.
     std::shared_ptr<SessionEngine> selfUntilEnd;
-    std::unordered_map<CURL*, std::unique_ptr<Transfer>> transfers;
+    std::vector<std::unique_ptr<Transfer>> transfers;  // running; each knows its slot
     std::vector<std::unique_ptr<Transfer>> idleTransfers;  // handles kept for the next requests
     std::vector<Transfer*> withPendingData;
     Clock::time_point roundStart{};  // when the worker last entered the multi handle
@@ -243,7 +242,7 @@ struct SessionEngine : std::enable_shared_from_this<SessionEngine> {
     void startTransfer(const std::shared_ptr<URLSessionTask>& task);
     CURL* newHandle();
     void cancelTransfer(const std::shared_ptr<URLSessionTask>& task);
-    void finishTransfer(CURL* easy, CURLcode code);
+    void finishTransfer(Transfer& transfer, CURLcode code);
     void complete(const std::shared_ptr<URLSessionTask>& task, std::shared_ptr<Error> error,
                   const std::shared_ptr<DispositionGate>& gate = nullptr);
     void deliverResponse(Transfer& transfer);
@@ -315,6 +314,7 @@ struct Transfer : TransferRequest {
 
     SessionEngine* const engine;
     CURL* const easy;
+    std::size_t slot = 0;  // its place among the session's running transfers
 
 private:
     void releaseRequest() noexcept {
@@ -652,17 +652,16 @@ void SessionEngine::answerResponse(const std::shared_ptr<DispositionGate>& gate,
     // One event runs what was held, in order; events arriving meanwhile join the queue.
     post([gate, allow] {
         while (true) {
-            std::function<void(bool)> next;
+            std::vector<std::function<void(bool)>> held;
             {
                 std::lock_guard lock(gate->mutex);
                 if (gate->parked.empty()) {
                     gate->state = allow ? DispositionGate::State::Open : DispositionGate::State::Cancelled;
                     return;
                 }
-                next = std::move(gate->parked.front());
-                gate->parked.pop_front();
+                held.swap(gate->parked);
             }
-            next(!allow);
+            for (auto& next : held) next(!allow);
         }
     });
 }
@@ -720,7 +719,10 @@ void SessionEngine::run() {
             int left = 0;
             CURLMsg* message = curl_multi_info_read(multi, &left);
             if (!message) break;
-            if (message->msg == CURLMSG_DONE) finishTransfer(message->easy_handle, message->data.result);
+            if (message->msg != CURLMSG_DONE) continue;
+            Transfer* done = nullptr;
+            curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &done);
+            if (done) finishTransfer(*done, message->data.result);
         }
         for (Transfer* t : withPendingData) flushData(*t);
         withPendingData.clear();
@@ -747,8 +749,8 @@ void SessionEngine::run() {
     }
 
     // Shutting down: what is still running ends cancelled, without events.
-    for (auto& [easy, transfer] : transfers) {
-        curl_multi_remove_handle(multi, easy);
+    for (auto& transfer : transfers) {
+        curl_multi_remove_handle(multi, transfer->easy);
         transfer->task->state_.store(URLSessionTaskState::Completed, std::memory_order_release);
         std::lock_guard lock(transfer->task->mutex_);
         transfer->task->error_ = urlError(URLErrorCancelled, transfer->task->request_.URL());
@@ -869,7 +871,8 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
         complete(task, urlError(URLErrorUnknown, url, "the transfer could not be started"));
         return;
     }
-    transfers.emplace(easy, std::move(transfer));
+    t.slot = transfers.size();
+    transfers.push_back(std::move(transfer));
 }
 
 // A transfer handle with what is the same for every request of this session.
@@ -899,30 +902,29 @@ CURL* SessionEngine::newHandle() {
 }
 
 void SessionEngine::cancelTransfer(const std::shared_ptr<URLSessionTask>& task) {
-    for (auto& [easy, transfer] : transfers) {
+    for (auto& transfer : transfers) {
         if (transfer->task == task) {
             transfer->forcedError = urlError(URLErrorCancelled, task->request_.URL());
-            finishTransfer(easy, CURLE_ABORTED_BY_CALLBACK);
+            finishTransfer(*transfer, CURLE_ABORTED_BY_CALLBACK);
             return;
         }
     }
 }
 
 void SessionEngine::expireIdleTransfers(Clock::time_point now) {
-    std::vector<CURL*> expired;
-    for (auto& [easy, transfer] : transfers) {
-        if (now - transfer->lastProgress >= transfer->idleTimeout) expired.push_back(easy);
+    std::vector<Transfer*> expired;
+    for (auto& transfer : transfers) {
+        if (now - transfer->lastProgress >= transfer->idleTimeout) expired.push_back(transfer.get());
     }
-    for (CURL* easy : expired) {
-        Transfer& t = *transfers.at(easy);
-        t.forcedError = urlError(URLErrorTimedOut, t.task->request_.URL());
-        finishTransfer(easy, CURLE_OPERATION_TIMEDOUT);
+    for (Transfer* t : expired) {
+        t->forcedError = urlError(URLErrorTimedOut, t->task->request_.URL());
+        finishTransfer(*t, CURLE_OPERATION_TIMEDOUT);
     }
 }
 
 long SessionEngine::nextIdleWait(Clock::time_point now) const {
     long wait = 1000;
-    for (const auto& [easy, transfer] : transfers) {
+    for (const auto& transfer : transfers) {
         const auto left = transfer->lastProgress + transfer->idleTimeout - now;
         const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
         wait = std::min<long>(wait, std::max<long>(ms, 0));
@@ -976,12 +978,16 @@ void SessionEngine::flushData(Transfer& t) {
     t.pendingData = Data();
 }
 
-void SessionEngine::finishTransfer(CURL* easy, CURLcode code) {
-    auto found = transfers.find(easy);
-    if (found == transfers.end()) return;
-    std::unique_ptr<Transfer> owned = std::move(found->second);
-    transfers.erase(found);
+void SessionEngine::finishTransfer(Transfer& finished, CURLcode code) {
+    if (finished.slot >= transfers.size() || transfers[finished.slot].get() != &finished) return;
+    std::unique_ptr<Transfer> owned = std::move(transfers[finished.slot]);
+    if (finished.slot + 1 != transfers.size()) {
+        transfers[finished.slot] = std::move(transfers.back());
+        transfers[finished.slot]->slot = finished.slot;
+    }
+    transfers.pop_back();
     Transfer& t = *owned;
+    CURL* const easy = t.easy;
     curl_multi_remove_handle(multi, easy);
 
     if (t.hasPendingData) {
