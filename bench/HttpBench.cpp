@@ -269,6 +269,20 @@ void BASE_RequestPost(benchmark::State& state) { runLoad<CurlLoad>(state, true);
 BENCHMARK(BASE_RequestGet)->Arg(1)->Arg(32)->UseRealTime();
 BENCHMARK(BASE_RequestPost)->Arg(1)->Arg(32)->UseRealTime();
 
+// The same loads for fixed numbers of requests, for counting instructions per
+// request and thread under callgrind (scripts/count-instructions.sh), a measure
+// this machine's drifting speed does not blur. Not part of the timed tables.
+// Two counts per case: their difference leaves out start-up and connection set-up.
+const bool kCountCases = [] {
+    for (const benchmark::IterationCount requests : {1000, 3000}) {
+        benchmark::RegisterBenchmark("COUNT_KR_RequestGet", KR_RequestGet)->Arg(32)->Iterations(requests);
+        benchmark::RegisterBenchmark("COUNT_KR_RequestPost", KR_RequestPost)->Arg(32)->Iterations(requests);
+        benchmark::RegisterBenchmark("COUNT_BASE_RequestGet", BASE_RequestGet)->Arg(32)->Iterations(requests);
+        benchmark::RegisterBenchmark("COUNT_BASE_RequestPost", BASE_RequestPost)->Arg(32)->Iterations(requests);
+    }
+    return true;
+}();
+
 // ---- a client's start-up
 
 // A new manager (and with it a session, its thread and a new connection)

@@ -16,7 +16,8 @@ for program in "$build"/bench/krcommon_bench_*; do
   [[ -x "$program" ]] || continue
   name=$(basename "$program")
   echo "== $name" >&2
-  "$program" --benchmark_min_time="$min_time" --benchmark_repetitions="$repetitions" \
+  # COUNT_ cases run a fixed number of requests for scripts/count-instructions.sh.
+  "$program" --benchmark_filter=-COUNT_ --benchmark_min_time="$min_time" --benchmark_repetitions="$repetitions" \
     --benchmark_report_aggregates_only=true --benchmark_out="$out/$name.json" --benchmark_out_format=json >&2
 done
 python3 - "$out" <<'PY'
