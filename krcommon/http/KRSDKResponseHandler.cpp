@@ -77,10 +77,11 @@ Value KRSDKResponseHandler::responseObjectForURLResponse(const std::shared_ptr<p
     bool exempt = false;
     Value body;  // the answer parsed as JSON from its text, when it is both
     if (!isImage()) {
-        const Value text = textOf(data);
+        // The body's own bytes, read in place: nil when they are not UTF-8 text.
+        const auto text = platform::UTF8::isValid(asText(data)) ? std::optional<std::string_view>(asText(data))
+                                                                 : std::nullopt;
         KRSDK_LOG("Common", 1, "http received :%@", text);
-        body = dictionaryWithJsonString(text.string() ? std::optional<std::string_view>(*text.string())
-                                                      : std::nullopt);
+        body = dictionaryWithJsonString(text);
         if (const auto* map = body.dictionary()) {
             if (const auto* code = (*map)["error"].string()) {
                 if (map->contains("error") && !map->contains("errorCode")) exempt = true;

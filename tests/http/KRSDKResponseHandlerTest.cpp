@@ -82,6 +82,23 @@ TEST(KRSDKResponseHandlerTest, AbsentDataIsLoggedAndAppendsNothing) {
     EXPECT_EQ(capture.count("]=>recceiveData is nil"), 1u);
 }
 
+// The received body is logged as its text, or as nil when it is not UTF-8.
+TEST(KRSDKResponseHandlerTest, ReceivedBodyIsLoggedAsTextOrNil) {
+    const std::pair<Data, const char*> rows[] = {
+        {Data{'{', '"', 'a', '"', ':', '1', '}'}, "]=>http received :{\"a\":1}"},
+        {Data{'o', 'k', ' ', 0xC3, 0xA9}, "]=>http received :ok \xC3\xA9"},
+        {Data{'o', 'k', 0xFF}, "]=>http received :(null)"},
+    };
+    for (const auto& [body, line] : rows) {
+        auto handler = std::make_shared<KRSDKResponseHandler>();
+        test::LogCapture capture;
+        std::shared_ptr<platform::Error> error;
+        handler->responseObjectForURLResponse(response("http://h/x", 200), body, error);
+        EXPECT_EQ(capture.count("[KRSDK-Common-DEBUG-KRSDKResponseHandler-"), 1u) << line;
+        EXPECT_EQ(capture.count(line), 1u) << line;
+    }
+}
+
 TEST(KRSDKResponseHandlerTest, TransportErrorReachesTheCompletionOnTheMainQueueWithoutObject) {
     auto handler = std::make_shared<KRSDKResponseHandler>();
     const Data chunk{'{', '}'};

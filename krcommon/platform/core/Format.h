@@ -52,6 +52,9 @@ public:
         : kind_(s ? Kind::String : Kind::CString), s_(nullptr) {
         if (s) sv_ = *s;
     }
+    FormatArg(std::optional<std::string_view> s) noexcept : kind_(s ? Kind::String : Kind::CString), s_(nullptr) {
+        if (s) sv_ = *s;
+    }
     FormatArg(const void* p) noexcept : kind_(Kind::Pointer), p_(p) {}
     FormatArg(std::nullptr_t) noexcept : kind_(Kind::CString), s_(nullptr) {}
 
