@@ -803,8 +803,10 @@ void SessionEngine::startTransfer(const std::shared_ptr<URLSessionTask>& task) {
     CURL* const easy = t.easy;
     t.task = task;
     // Both task classes are final: their exact type says which one this is.
-    if (typeid(*task) == typeid(URLSessionDataTask)) t.dataTask = std::static_pointer_cast<URLSessionDataTask>(task);
-    t.isDownload = typeid(*task) == typeid(URLSessionDownloadTask);
+    const URLSessionTask& object = *task;
+    const std::type_info& kind = typeid(object);
+    if (kind == typeid(URLSessionDataTask)) t.dataTask = std::static_pointer_cast<URLSessionDataTask>(task);
+    t.isDownload = kind == typeid(URLSessionDownloadTask);
     const double timeout = request.timeoutInterval() > 0 ? request.timeoutInterval() : URLRequest::defaultTimeoutInterval;
     t.idleTimeout = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout));
     t.touched();
