@@ -78,8 +78,8 @@ Value KRSDKResponseHandler::responseObjectForURLResponse(const std::shared_ptr<p
     Value body;  // the answer parsed as JSON from its text, when it is both
     if (!isImage()) {
         // The body's own bytes, read in place: nil when they are not UTF-8 text.
-        const auto text = platform::UTF8::isValid(asText(data)) ? std::optional<std::string_view>(asText(data))
-                                                                 : std::nullopt;
+        const std::string_view bytes = asText(data);
+        const auto text = platform::UTF8::isValid(bytes) ? std::optional<std::string_view>(bytes) : std::nullopt;
         KRSDK_LOG("Common", 1, "http received :%@", text);
         body = dictionaryWithJsonString(text);
         if (const auto* map = body.dictionary()) {
