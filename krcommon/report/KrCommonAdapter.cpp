@@ -84,10 +84,19 @@ const std::shared_ptr<KrCommonAdapter>& KrCommonAdapter::instance() {
 
 std::shared_ptr<KrCommonAdapter> KrCommonAdapter::create() { return std::make_shared<KrCommonAdapter>(Private{}); }
 
-KrCommonAdapter::KrCommonAdapter(Private) : httpManager_(KRSDKMemberHttpManager::create()) {
-    httpManager_->operationQueue()->setMaxConcurrentOperationCount(
+namespace {
+
+// The manager an adapter starts with, and goes back to when it is given none.
+std::shared_ptr<KRSDKMemberHttpManager> builtInManager() {
+    auto manager = KRSDKMemberHttpManager::create();
+    manager->operationQueue()->setMaxConcurrentOperationCount(
         platform::OperationQueue::DefaultMaxConcurrentOperationCount);
+    return manager;
 }
+
+}  // namespace
+
+KrCommonAdapter::KrCommonAdapter(Private) : httpManager_(builtInManager()) {}
 
 KrCommonAdapter::~KrCommonAdapter() = default;
 
@@ -352,6 +361,7 @@ std::shared_ptr<KRSDKMemberHttpManager> KrCommonAdapter::httpManager() const {
 }
 
 void KrCommonAdapter::setHttpManager(std::shared_ptr<KRSDKMemberHttpManager> manager) {
+    if (!manager) manager = builtInManager();
     std::lock_guard lock(mutex_);
     httpManager_ = std::move(manager);
 }

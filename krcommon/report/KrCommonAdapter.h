@@ -64,6 +64,9 @@ public:
     /// Locks (YES) or unlocks the base information against setLoginBaseInfo.
     void isSetBaseLoginInfo(bool locked);
 
+    /// isSetLoginInfo() answers the lock of isSetBaseLoginInfo; the others the base information
+    /// as last taken (the defaults listed at create() until then), the versions and identifier
+    /// being whatever Values were given. Each read is a copy taken under the adapter's lock.
     [[nodiscard]] bool isSetLoginInfo() const;
     [[nodiscard]] std::int64_t businessType() const;
     [[nodiscard]] platform::Value protocolVersion() const;
@@ -134,6 +137,8 @@ public:
 
     /// The manager every report goes through.
     [[nodiscard]] std::shared_ptr<KRSDKMemberHttpManager> httpManager() const;
+    /// Replaces the manager for the reports sent from now on; one in flight keeps its own.
+    /// nullptr puts a new manager like the adapter's first one in its place.
     void setHttpManager(std::shared_ptr<KRSDKMemberHttpManager> manager);
 
 private:

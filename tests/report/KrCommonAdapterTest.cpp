@@ -3,6 +3,7 @@
 
 #include <krcommon/config/KIHostService.h>
 #include <krcommon/config/KRAppInfos.h>
+#include <krcommon/http/KRSDKMemberHttpManager.h>
 #include <krcommon/platform/app/Bundle.h>
 #include <krcommon/platform/app/Device.h>
 #include <krcommon/platform/dispatch/MainQueue.h>
@@ -396,6 +397,26 @@ INSTANTIATE_TEST_SUITE_P(
                                 Value(Dictionary{{"APPID", "9"}, {"note", "two words"}, {"n", 1}}),
                                 R"({"APPID":"9","note":"twowords","n":1})"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(AdapterTest, ReportsGoThroughTheManagerSetAndNoManagerMeansAFreshOne) {
+    auto mine = KRSDKMemberHttpManager::create();
+    mine->sessionConfiguration()->addTrustAnchorPEM(TestCertificates::shared().authorityPEM());
+    mine->setValue("mine", "X-Manager");
+    adapter_->setHttpManager(mine);
+    EXPECT_EQ(adapter_->httpManager(), mine);
+    adapter_->reportActionCategory("c", "a", Value());
+    ASSERT_TRUE(MainQueue::runUntil([&] { return capture_.count("[reportActionInfo]") > 0; }, 20));
+    ASSERT_EQ(server_->requests().size(), 1u);
+    EXPECT_EQ(server_->requests()[0].header("X-Manager"), "mine");
+
+    // A fresh manager trusts only the system's authorities, so the test server is refused.
+    adapter_->setHttpManager(nullptr);
+    ASSERT_NE(adapter_->httpManager(), nullptr);
+    EXPECT_NE(adapter_->httpManager(), mine);
+    adapter_->reportActionCategory("c", "a", Value());
+    ASSERT_TRUE(MainQueue::runUntil([&] { return capture_.count("[error][reportActionInfo]=fail") > 0; }, 20));
+    EXPECT_EQ(server_->requests().size(), 1u);
+}
 
 TEST_F(AdapterTest, AFailedActionReportIsLoggedWithTheError) {
     KIHostService::service().updateHostServers(
