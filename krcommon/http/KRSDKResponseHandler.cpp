@@ -67,9 +67,18 @@ Value KRSDKResponseHandler::dictionaryWithJsonString(std::optional<std::string_v
     return parsed ? std::move(*parsed) : Value();
 }
 
+namespace {
+
+// A task's answer; nil for no task.
+std::shared_ptr<platform::URLResponse> responseOf(const std::shared_ptr<platform::URLSessionTask>& task) {
+    return task ? task->response() : nullptr;
+}
+
+}  // namespace
+
 Value KRSDKResponseHandler::responseObjectForResponse(const std::shared_ptr<platform::URLSessionTask>& task,
                                                       const Data& data, std::shared_ptr<Error>& error) {
-    return responseObjectForURLResponse(task ? task->response() : nullptr, data, error);
+    return responseObjectForURLResponse(responseOf(task), data, error);
 }
 
 Value KRSDKResponseHandler::responseObjectForURLResponse(const std::shared_ptr<platform::URLResponse>& response,
@@ -141,7 +150,7 @@ void KRSDKResponseHandler::didCompleteWithError(const std::shared_ptr<platform::
     auto self = shared_from_this();
     if (transportError) {
         platform::MainQueue::asyncBatched([self, task, transportError] {
-            if (auto completion = self->completionHandler_) completion(task->response(), Value(), transportError);
+            if (auto completion = self->completionHandler_) completion(responseOf(task), Value(), transportError);
         });
         return;
     }
@@ -154,7 +163,7 @@ void KRSDKResponseHandler::didCompleteWithError(const std::shared_ptr<platform::
         object = Value(std::move(picture));
     }
     platform::MainQueue::asyncBatched([self, task, object = std::move(object), error = std::move(error)] {
-        if (auto completion = self->completionHandler_) completion(task->response(), object, error);
+        if (auto completion = self->completionHandler_) completion(responseOf(task), object, error);
     });
 }
 

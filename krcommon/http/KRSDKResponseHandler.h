@@ -69,10 +69,15 @@ public:
         return acceptableStatusCodes_;
     }
     void setAcceptableStatusCodes(std::optional<platform::IndexSet> codes) { acceptableStatusCodes_ = std::move(codes); }
+    /// Asked at each finished download where the file goes; empty (the default) leaves it
+    /// where the session put it, to be removed there.
     [[nodiscard]] const DownloadDestination& downloadTaskDidFinishDownloading() const noexcept {
         return downloadDestination_;
     }
     void setDownloadTaskDidFinishDownloading(DownloadDestination block) { downloadDestination_ = std::move(block); }
+    /// Called at completion (see CompletionHandler); empty calls nothing. It is read when the
+    /// main-queue job runs, not when the task completes. Not synchronised: set it before the
+    /// task is resumed.
     [[nodiscard]] const CompletionHandler& completionHandler() const noexcept { return completionHandler_; }
     void setCompletionHandler(CompletionHandler block) { completionHandler_ = std::move(block); }
 
@@ -99,12 +104,20 @@ public:
 
     // ---- Session events, forwarded by the manager.
 
+    /// Takes the collected body (mutableData() is nullopt afterwards) and queues the completion
+    /// on the main queue: with nil and `error` for a transport failure, else with the object and
+    /// error of responseObjectForResponse(). For "image" the object becomes {"data": that object
+    /// or "", "cookie": the session's cookie store or nil}. Without a task the response is nil.
     void didCompleteWithError(const std::shared_ptr<platform::URLSession>& session,
                               const std::shared_ptr<platform::URLSessionTask>& task,
                               const std::shared_ptr<platform::Error>& error) override;
+    /// Appends `data` to mutableData(); dropped once that is nullopt. Nil data is logged
+    /// ("recceiveData is nil") and ignored.
     void didReceiveData(const std::shared_ptr<platform::URLSession>& session,
                         const std::shared_ptr<platform::URLSessionDataTask>& dataTask,
                         std::optional<std::span<const std::uint8_t>> data) override;
+    /// Sets downloadFileURL() to the destination block's answer (nullptr without a block) and
+    /// moves the file there; a failed move is neither logged nor reported.
     void didFinishDownloadingToURL(const std::shared_ptr<platform::URLSession>& session,
                                    const std::shared_ptr<platform::URLSessionDownloadTask>& downloadTask,
                                    const std::shared_ptr<platform::URL>& location) override;

@@ -124,6 +124,30 @@ TEST(KRSDKResponseHandlerTest, TransportErrorReachesTheCompletionOnTheMainQueueW
     EXPECT_EQ(seen, transport);
 }
 
+// Called directly, without a session or task: the answer is judged without a
+// response (always valid) and reaches the completion with a nil response.
+TEST(KRSDKResponseHandlerTest, CompletionWithoutATaskAnswersWithANilResponse) {
+    for (const bool failed : {false, true}) {
+        auto handler = std::make_shared<KRSDKResponseHandler>();
+        const Data chunk{'{', '"', 'a', '"', ':', '1', '}'};
+        handler->didReceiveData(nullptr, nullptr, std::span<const std::uint8_t>(chunk));
+        int calls = 0;
+        handler->setCompletionHandler([&](const auto& response, const Value& object, const auto& error) {
+            ++calls;
+            EXPECT_EQ(response, nullptr);
+            EXPECT_EQ(object.isNil(), failed);
+            EXPECT_EQ(error != nullptr, failed);
+            if (!failed) {
+                EXPECT_EQ(object, Value(Dictionary{{"a", 1}}));
+            }
+        });
+        handler->didCompleteWithError(nullptr, nullptr,
+                                      failed ? platform::Error::make(platform::URLErrorDomain, -1) : nullptr);
+        platform::MainQueue::drain();
+        EXPECT_EQ(calls, 1) << failed;
+    }
+}
+
 TEST(KRSDKResponseHandlerTest, FinishedDownloadMovesToTheNamedPlaceAndAFailedMoveIsSilent) {
     test::TempFolder folder;
     auto session = platform::URLSession::sessionWithConfiguration(nullptr);
