@@ -66,6 +66,7 @@ public:
     using iterator = std::vector<Entry>::iterator;
 
     Dictionary();
+    /// The entries in the order given; a repeated key keeps its first position and its last value.
     Dictionary(std::initializer_list<Entry> entries);
     /// Takes over `entries` in their order. A key that occurs more than once keeps
     /// its first position and its last value, as a series of set() calls leaves it.
@@ -96,6 +97,7 @@ public:
     /// The keys in insertion order.
     [[nodiscard]] std::vector<std::string> keys() const;
 
+    /// The entries as (key, value) pairs, in insertion order.
     [[nodiscard]] const_iterator begin() const noexcept;
     [[nodiscard]] const_iterator end() const noexcept;
     /// Iteration may change values, never keys.
@@ -129,9 +131,15 @@ public:
     Value(std::nullptr_t) noexcept {}
     Value(Null) noexcept : storage_(Null{}) {}
     Value(bool b) noexcept : storage_(b) {}
+    /// Any integer type but bool and char gives an Integer (64 bits, signed). An unsigned
+    /// value beyond that range gives the nearest Real instead, as the JSON reader does.
     template <class T>
         requires(std::integral<T> && !std::same_as<T, bool> && !std::same_as<T, char>)
-    Value(T i) noexcept : storage_(static_cast<std::int64_t>(i)) {}
+    Value(T i) noexcept : storage_(static_cast<std::int64_t>(i)) {
+        if constexpr (std::is_unsigned_v<T> && sizeof(T) >= sizeof(std::int64_t)) {
+            if (i > static_cast<T>(INT64_MAX)) storage_ = static_cast<double>(i);
+        }
+    }
     Value(double d) noexcept : storage_(d) {}
     Value(float f) noexcept : storage_(static_cast<double>(f)) {}
     /// A null pointer gives nil.
@@ -155,6 +163,8 @@ public:
         if (o) *this = Value(std::move(*o));
     }
 
+    /// What the value holds. isNil() is true for nothing at all, isNull() for the null object;
+    /// each is...() tests for one kind, except isNumber().
     [[nodiscard]] Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
     [[nodiscard]] bool isNil() const noexcept { return kind() == Kind::Nil; }
     [[nodiscard]] bool isNull() const noexcept { return kind() == Kind::Null; }
@@ -188,7 +198,9 @@ public:
         return o ? std::dynamic_pointer_cast<T>(*o) : nullptr;
     }
 
-    /// Numbers (booleans included) read as integers, reals or booleans; nullopt otherwise.
+    /// Numbers (booleans included) read as integers, reals or booleans; nullopt otherwise. A
+    /// real reads as an integer truncated toward zero, nullopt when it is not finite or out of
+    /// the 64-bit range; any non-zero number reads as true.
     [[nodiscard]] std::optional<std::int64_t> integerValue() const noexcept;
     [[nodiscard]] std::optional<double> realValue() const noexcept;
     [[nodiscard]] std::optional<bool> boolValue() const noexcept;

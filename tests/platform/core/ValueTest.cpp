@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include <cmath>
 
 using namespace krcommon::platform;
@@ -47,6 +49,25 @@ TEST(Value, NumbersCompareByValueAcrossKinds) {
     auto e = Error::make("D", 1);
     EXPECT_EQ(Value(e), Value(e));
     EXPECT_FALSE(Value(e) == Value(Error::make("D", 1)));
+}
+
+TEST(Value, UnsignedIntegersBeyondTheSignedRangeBecomeReals) {
+    constexpr auto top = std::numeric_limits<std::uint64_t>::max();
+    const struct {
+        Value value;
+        Value::Kind kind;
+        double number;
+    } rows[] = {
+        {Value(std::uint64_t{INT64_MAX}), Value::Kind::Integer, 9223372036854775807.0},
+        {Value(std::uint64_t{INT64_MAX} + 1), Value::Kind::Real, 9223372036854775808.0},
+        {Value(top), Value::Kind::Real, 18446744073709551615.0},
+        {Value(std::uint32_t{UINT32_MAX}), Value::Kind::Integer, 4294967295.0},
+        {Value(std::int64_t{INT64_MIN}), Value::Kind::Integer, -9223372036854775808.0},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.value.kind(), row.kind) << row.number;
+        EXPECT_EQ(row.value.realValue(), row.number);
+    }
 }
 
 TEST(Dictionary, KeepsInsertionOrderAndFindsEveryKeyWhenLarge) {
