@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cmath>
 #include <mutex>
+#include <tuple>
 #include <vector>
 
 namespace krcommon::platform {
@@ -141,6 +142,7 @@ struct GraphicsContext::Impl {
     double scale = 1;
     Color fill = Color::blackColor();
     Color stroke = Color::blackColor();
+    std::vector<std::pair<Color, Color>> savedColors;  // fill and stroke at each saveGState()
     // The images a pattern source draws from must outlive the drawing calls that use them.
     std::vector<std::shared_ptr<const Image>> keepAlive;
     std::vector<double> layerAlphas;
@@ -244,8 +246,18 @@ Size GraphicsContext::sizeOfText(const AttributedString& text, double width, con
     return size;
 }
 
-void GraphicsContext::saveGState() { cairo_save(impl_->cr); }
-void GraphicsContext::restoreGState() { cairo_restore(impl_->cr); }
+void GraphicsContext::saveGState() {
+    impl_->savedColors.emplace_back(impl_->fill, impl_->stroke);
+    cairo_save(impl_->cr);
+}
+
+void GraphicsContext::restoreGState() {
+    // Unmatched, cairo would put the context in an error state and draw nothing more.
+    if (impl_->savedColors.empty()) return;
+    std::tie(impl_->fill, impl_->stroke) = impl_->savedColors.back();
+    impl_->savedColors.pop_back();
+    cairo_restore(impl_->cr);
+}
 void GraphicsContext::translateCTM(double dx, double dy) { cairo_translate(impl_->cr, dx, dy); }
 
 void GraphicsContext::beginTransparencyLayer(double alpha) {

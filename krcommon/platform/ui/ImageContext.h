@@ -25,6 +25,8 @@ public:
     GraphicsContext(const GraphicsContext&) = delete;
     GraphicsContext& operator=(const GraphicsContext&) = delete;
 
+    /// The colour later fills use (a pattern tiles its image, a null pattern fills nothing);
+    /// opaque black at first. Nothing in this layer strokes, so the stroke colour is only kept.
     void setFillColor(const Color& color);
     void setStrokeColor(const Color& color);
     /// Fills `rect` with the fill colour (replacing nothing: drawn over what is there).
@@ -44,8 +46,11 @@ public:
     [[nodiscard]] static Size sizeOfText(const AttributedString& text, double width, const Font& defaultFont,
                                          int numberOfLines);
 
+    /// Save and restore, in pairs, the clip, the translation and the fill and stroke colours.
+    /// A restore without a save is ignored.
     void saveGState();
     void restoreGState();
+    /// Moves the origin of later drawing by (dx, dy) points.
     void translateCTM(double dx, double dy);
     /// Starts drawing into a transparency group, composited with `alpha` at endTransparencyLayer().
     void beginTransparencyLayer(double alpha);

@@ -117,6 +117,28 @@ TEST(ImageContext, SnapshotKeepsItsPixelsAndTakingEndsTheContext) {
     EXPECT_EQ(final->pixelAt(1, 0), (Pixel{0, 0, 255, 255}));
 }
 
+// Restoring brings back the fill colour and the translation saved with it; a
+// restore with nothing saved changes nothing and leaves the context drawable.
+TEST(ImageContext, RestoreBringsBackTheSavedFillAndAnUnmatchedOneIsIgnored) {
+    beginImageContext({3, 1});
+    auto* context = getCurrentContext();
+    context->restoreGState();  // nothing saved
+    Color::colorWithRed(1, 0, 0, 1).setFill();
+    context->saveGState();
+    Color::colorWithRed(0, 0, 1, 1).setFill();
+    context->translateCTM(1, 0);
+    context->fillRect({0, 0, 1, 1});  // blue at x = 1
+    context->restoreGState();
+    context->fillRect({0, 0, 1, 1});  // red at x = 0
+    context->restoreGState();         // unmatched again
+    context->fillRect({2, 0, 1, 1});  // still red, still drawing
+    const auto image = endImageContextTakingImage();
+    ASSERT_TRUE(image);
+    EXPECT_EQ(image->pixelAt(0, 0), (Pixel{255, 0, 0, 255}));
+    EXPECT_EQ(image->pixelAt(1, 0), (Pixel{0, 0, 255, 255}));
+    EXPECT_EQ(image->pixelAt(2, 0), (Pixel{255, 0, 0, 255}));
+}
+
 // Every pixel comes back exactly, opaque images (written without alpha) and
 // translucent ones (straight colour in the file, premultiplied in memory) alike.
 class ImagePNGRoundTrip : public ::testing::TestWithParam<bool> {};
