@@ -121,13 +121,13 @@ public:
     void setLogin_master_url(Text value);
     [[nodiscard]] std::string login_primary_url() const;  ///< third account login URL
     void setLogin_primary_url(Text value);
-    [[nodiscard]] std::string provider_token_url() const;
+    [[nodiscard]] std::string provider_token_url() const;  ///< main account origin + "/v1/auth/provider/token"
     void setProvider_token_url(Text value);
-    [[nodiscard]] std::string singnin_provider_url() const;
+    [[nodiscard]] std::string singnin_provider_url() const;  ///< main account origin + "/v1/auth/signin/with/provider"
     void setSingnin_provider_url(Text value);
-    [[nodiscard]] std::string userme_getuserinfo_url() const;
+    [[nodiscard]] std::string userme_getuserinfo_url() const;  ///< main account origin + "/v1/user/me"
     void setUserme_getuserinfo_url(Text value);
-    [[nodiscard]] std::string refresh_accesstoken_url() const;
+    [[nodiscard]] std::string refresh_accesstoken_url() const;  ///< main account origin + "/v1/auth/token"
     void setRefresh_accesstoken_url(Text value);
     [[nodiscard]] std::string kr_kruser_ssl_main_url() const;  ///< main account origin
     void setKr_kruser_ssl_main_url(Text value);
@@ -137,23 +137,23 @@ public:
     void setKr_kruser_ssl_primary_url(Text value);
 
     // Captcha, interface, avatar and OAuth services (fixed default).
-    [[nodiscard]] std::string verify_Code_Server1_url() const;
+    [[nodiscard]] std::string verify_Code_Server1_url() const;  ///< first captcha service origin
     void setVerify_Code_Server1_url(Text value);
-    [[nodiscard]] std::string verifyCodeServer2() const;
+    [[nodiscard]] std::string verifyCodeServer2() const;  ///< second captcha service origin
     void setVerifyCodeServer2(Text value);
-    [[nodiscard]] std::string verifyCodeServer3() const;
+    [[nodiscard]] std::string verifyCodeServer3() const;  ///< third captcha service origin
     void setVerifyCodeServer3(Text value);
-    [[nodiscard]] std::string modify_userinfo_url() const;
+    [[nodiscard]] std::string modify_userinfo_url() const;  ///< account interface service origin
     void setModify_userinfo_url(Text value);
-    [[nodiscard]] std::string recomend_avatar_url() const;
+    [[nodiscard]] std::string recomend_avatar_url() const;  ///< user-centre image service origin
     void setRecomend_avatar_url(Text value);
-    [[nodiscard]] std::string kr_oauth_login_url() const;
+    [[nodiscard]] std::string kr_oauth_login_url() const;  ///< OAuth login service origin
     void setKr_oauth_login_url(Text value);
 
     // Channel, registration, web pages, payment and push (stored or default).
-    [[nodiscard]] std::string keep_alive_url() const;
+    [[nodiscard]] std::string keep_alive_url() const;  ///< keep-alive channel origin; moved by "channelHost"
     void setKeep_alive_url(Text value);
-    [[nodiscard]] std::string regist_main_url() const;
+    [[nodiscard]] std::string regist_main_url() const;  ///< registration service origin; moved by "registHost"
     void setRegist_main_url(Text value);
     [[nodiscard]] std::string staticHost() const;  ///< web-page host, bare
     void setStaticHost(Text value);
@@ -161,15 +161,17 @@ public:
     void setRealNameSmsH5(Text value);
     [[nodiscard]] std::string defaultReviewUrl() const;  ///< captcha review page
     void setDefaultReviewUrl(Text value);
-    [[nodiscard]] std::string kr_product_id_url() const;
+    [[nodiscard]] std::string kr_product_id_url() const;  ///< payment-centre origin; moved by "paycenter"
     void setKr_product_id_url(Text value);
-    [[nodiscard]] std::string kr_generate_order_url() const;
+    [[nodiscard]] std::string kr_generate_order_url() const;  ///< payment-centre origin; moved by "paycenter"
     void setKr_generate_order_url(Text value);
-    [[nodiscard]] std::string kr_mmtp_generate_order_url() const;
+    [[nodiscard]] std::string kr_mmtp_generate_order_url() const;  ///< payment-centre origin; moved by "paycenter"
     void setKr_mmtp_generate_order_url(Text value);
+    /// Payment receipt service: its origin + "/payproxy" as built in, but only the origin once
+    /// "paygateway" has moved it.
     [[nodiscard]] std::string kr_report_normal_receipt_url() const;
     void setKr_report_normal_receipt_url(Text value);
-    [[nodiscard]] std::string kr_push_notification_url() const;
+    [[nodiscard]] std::string kr_push_notification_url() const;  ///< push gateway origin; moved by "pushgateway"
     void setKr_push_notification_url(Text value);
 
     // Web pages on the static host (built).

@@ -40,6 +40,9 @@ public:
     ~MM404H5ManagerSingletonException() override;
 };
 
+/// The appearance store (see the file comment). A page reads the picture, texts and colours once,
+/// when it is made (MM404H5View::updateUserDefinedContent()), so their setters affect only pages
+/// made afterwards; the delegate is looked up at each tap on a subtitle.
 class KRCOMMON_EXPORT MM404H5Manager {
 public:
     /// The one instance, made on first use.

@@ -125,7 +125,9 @@ public:
     /// Red, green and blue each lowered by 0.1, to at least 0; alpha kept. Nothing as above.
     [[nodiscard]] std::optional<platform::Color> darkerColorForColor(const std::optional<platform::Color>& color) const;
 
-    /// The subviews, each made on first read.
+    /// The subviews, each made on first read. A setter only replaces the view kept here: it
+    /// adds nothing to the page and moves no constraint or action; nullptr lets the next read
+    /// make a fresh one.
     const std::shared_ptr<platform::ImageView>& mm404ImageView();
     void setMm404ImageView(std::shared_ptr<platform::ImageView> view) { mm404ImageView_ = std::move(view); }
     const std::shared_ptr<platform::Label>& mm404TitleLable();
@@ -137,7 +139,8 @@ public:
     const std::shared_ptr<platform::Button>& mm404CloseButton();
     void setMm404CloseButton(std::shared_ptr<platform::Button> button) { mm404CloseButton_ = std::move(button); }
 
-    /// The title's and subtitle's fixed heights (30 and 25), for the owner to change.
+    /// The title's and subtitle's fixed heights (30 and 25), for the owner to change. A setter
+    /// only replaces the constraint kept here; it installs or removes nothing.
     [[nodiscard]] const std::shared_ptr<platform::LayoutConstraint>& mm404TitleLabelHeightConstraint() const noexcept {
         return mm404TitleLabelHeightConstraint_;
     }

@@ -76,12 +76,22 @@ public:
     [[nodiscard]] static std::string httpError(const platform::Value& responds,
                                                const std::shared_ptr<platform::Error>& error);
 
+    // The configuration, each read and written under the instance's lock. Unlike
+    // configi18nWithBundle, the setters log nothing.
+
+    /// The language tag last configured; only stored (lookups ignore it). nullopt until set.
     [[nodiscard]] std::optional<std::string> language() const;
     void setLanguage(std::optional<std::string> language);
+    /// The bundle whose strings table lookups read; nullptr until set, and every lookup then
+    /// answers nullopt.
     [[nodiscard]] std::shared_ptr<platform::Bundle> currentBundle() const;
     void setCurrentBundle(std::shared_ptr<platform::Bundle> bundle);
+    /// The name of the strings table (without ".strings") lookups read; nullopt until set, and
+    /// every lookup then answers nullopt.
     [[nodiscard]] std::optional<std::string> table() const;
     void setTable(std::optional<std::string> table);
+    /// A copy of the map from error codes to message keys; empty on a bare instance until
+    /// initialErrorMap() or setErrormap().
     [[nodiscard]] ErrorMap errormap() const;
     void setErrormap(ErrorMap map);
 

@@ -65,6 +65,8 @@ public:
     /// that carry their parameters in the URL. Requests need a manager made here
     /// (or otherwise owned by a std::shared_ptr).
     static std::shared_ptr<KRSDKMemberHttpManager> create();
+    /// The same manager as create() makes, for a caller that wraps it in a std::shared_ptr itself.
+    /// One not owned by a std::shared_ptr throws std::bad_weak_ptr from session() and every request.
     KRSDKMemberHttpManager();
     ~KRSDKMemberHttpManager() override;
     KRSDKMemberHttpManager(const KRSDKMemberHttpManager&) = delete;
@@ -89,6 +91,7 @@ public:
     /// JSON otherwise, with a 15-second timeout. Every field of `headerParam`
     /// is set, replacing default headers and the built "Content-Type". An absent
     /// `responseType` leaves the handler's default; absent callbacks are skipped.
+    /// Throws InternalInconsistencyException for an absent or unparseable URL, as GET does.
     std::shared_ptr<platform::URLSessionDataTask> POST(std::optional<std::string_view> URLString,
                                                        const platform::Value& headerParam,
                                                        const platform::Value& parameters,
@@ -98,7 +101,8 @@ public:
     /// Starts a multipart/form-data POST of the text fields `parameters` and,
     /// when `postData` is present, one file part named `dataKey`. No timeout
     /// (the platform's 60 seconds) and no default or caller headers; the default
-    /// (JSON) response handling. Absent callbacks are skipped.
+    /// (JSON) response handling. Absent callbacks are skipped. Throws
+    /// InternalInconsistencyException for an absent or unparseable URL, as GET does.
     std::shared_ptr<platform::URLSessionDataTask> uploadData(std::optional<std::string_view> URLString,
                                                              const platform::Value& parameters,
                                                              std::optional<platform::Data> postData,
@@ -139,6 +143,8 @@ public:
     void didReceiveChallenge(const std::shared_ptr<platform::URLSession>& session,
                              const std::shared_ptr<platform::URLAuthenticationChallenge>& challenge,
                              platform::URLSessionChallengeCompletion completion) override;
+    /// Hands the completion to the task's filed handler when it takes completions (the manager's
+    /// own handler then calls the caller's callback on the main queue); otherwise ignored.
     void didCompleteWithError(const std::shared_ptr<platform::URLSession>& session,
                               const std::shared_ptr<platform::URLSessionTask>& task,
                               const std::shared_ptr<platform::Error>& error) override;
@@ -147,9 +153,11 @@ public:
                             const std::shared_ptr<platform::URLSessionDataTask>& dataTask,
                             const std::shared_ptr<platform::URLResponse>& response,
                             platform::URLSessionResponseCompletion completion) override;
+    /// Forwarded only to a handler that takes this event; the manager's own handlers do not.
     void didBecomeDownloadTask(const std::shared_ptr<platform::URLSession>& session,
                                const std::shared_ptr<platform::URLSessionDataTask>& dataTask,
                                const std::shared_ptr<platform::URLSessionDownloadTask>& downloadTask) override;
+    /// Forwarded to the task's handler, which collects the body; ignored for a task without one.
     void didReceiveData(const std::shared_ptr<platform::URLSession>& session,
                         const std::shared_ptr<platform::URLSessionDataTask>& dataTask,
                         std::optional<std::span<const std::uint8_t>> data) override;
@@ -213,6 +221,8 @@ public:
     [[nodiscard]] const std::set<std::string>& HTTPMethodsEncodingParametersInURI() const noexcept {
         return HTTPMethodsEncodingParametersInURI_;
     }
+    /// Names must be upper case to match: a request's method is upper-cased before the lookup.
+    /// Not synchronised, like setValue(): set it before the manager is used from other threads.
     void setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods) {
         HTTPMethodsEncodingParametersInURI_ = std::move(methods);
     }

@@ -31,11 +31,11 @@ public:
                                               std::optional<std::string_view> plainText);
 
     /// MD5 of the UTF-8 bytes of `str` as 32 lower-case hex characters; absent
-    /// hashes as empty input.
+    /// hashes as empty input. Throws as platform::Digest::md5 does (no MD5 in the crypto library).
     static std::string md5Str(std::optional<std::string_view> str);
 
     /// SHA-1 of the UTF-8 bytes of `str` as 40 lower-case hex characters;
-    /// absent hashes as empty input.
+    /// absent hashes as empty input. Throws as platform::Digest::sha1 does.
     static std::string sha1Str(std::optional<std::string_view> str);
 
     /// Hex text to bytes, two characters per byte. Nothing is validated: an odd

@@ -38,9 +38,18 @@ public:
     /// still come from the running kernel.
     explicit Device(std::string rootFolder);
 
+    // Every value is read afresh on each call; none is ever absent.
+
+    /// PRETTY_HOSTNAME of etc/machine-info when set and not empty, else the kernel's host name,
+    /// else "localhost".
     [[nodiscard]] std::string name() const;
+    /// NAME of the first os-release file that exists (etc/os-release, else usr/lib/os-release);
+    /// "Linux" when that file has no NAME or neither file exists.
     [[nodiscard]] std::string systemName() const;
+    /// VERSION_ID of that os-release file; the kernel release (uname) when it has none (rolling
+    /// distributions have none) or neither file exists.
     [[nodiscard]] std::string systemVersion() const;
+    /// The `machine` field of uname(2) ("x86_64", "aarch64"); "" should uname fail.
     [[nodiscard]] std::string model() const;
 
     /// The vendor identifier for the main bundle's vendor, in upper-case

@@ -26,6 +26,7 @@ public:
 /// (stderr by default) with a single write(2) per line.
 class KRCOMMON_EXPORT StderrLogSink final : public LogSink {
 public:
+    /// Writes to `fd`, which stays the caller's: the sink never closes it. Failed writes are ignored.
     explicit StderrLogSink(int fd = 2) noexcept : fd_(fd) {}
     void write(std::string_view line) override;
 
@@ -44,6 +45,7 @@ public:
     FileLogSink& operator=(const FileLogSink&) = delete;
 
     [[nodiscard]] bool isOpen() const noexcept { return fd_ >= 0; }
+    /// Drops the line when the file did not open; failed writes are ignored.
     void write(std::string_view line) override;
 
 private:

@@ -32,6 +32,8 @@ inline constexpr const char* LocalizedDescriptionKey = "NSLocalizedDescription";
 /// Immutable once made; shared as std::shared_ptr<Error> and storable in a Value.
 class KRCOMMON_EXPORT Error final : public Object {
 public:
+    /// An error of `domain` and `code` carrying `userInfo` as given; its LocalizedDescriptionKey
+    /// entry, when a string, is what localizedDescription() answers.
     Error(std::string domain, std::int64_t code, Dictionary userInfo = {});
 
     /// Convenience: a shared error.

@@ -11,6 +11,8 @@ namespace krcommon::platform {
 /// A raised failure: a name and a reason. Nothing in the library catches these.
 class KRCOMMON_EXPORT Exception : public std::exception {
 public:
+    /// A failure named `name` (the platform's exception name, such as
+    /// "NSInvalidArgumentException") with the human-readable `reason`.
     Exception(std::string name, std::string reason);
     ~Exception() override;
 
@@ -29,12 +31,16 @@ private:
 /// and line of the check together with the description.
 class KRCOMMON_EXPORT InternalInconsistencyException : public Exception {
 public:
+    /// `description` is also the reason (and what()); `function`, `file` and `line` say where
+    /// the check failed.
     InternalInconsistencyException(std::string description, std::string function, std::string file,
                                    std::uint64_t line);
     ~InternalInconsistencyException() override;
 
     /// The text of the failed condition, e.g. "Invalid parameter not satisfying: url".
     [[nodiscard]] const std::string& description() const noexcept { return description_; }
+    /// Where the check failed, as the thrower named it: the function, the source file (some
+    /// throwers give their class name instead of a path) and the line.
     [[nodiscard]] const std::string& function() const noexcept { return function_; }
     [[nodiscard]] const std::string& file() const noexcept { return file_; }
     [[nodiscard]] std::uint64_t line() const noexcept { return line_; }

@@ -43,6 +43,7 @@ public:
     }
     void addIndex(std::int64_t index) { addIndexesInRange(index, 1); }
 
+    /// Whether `index` is in the set; a binary search over the ranges.
     [[nodiscard]] bool containsIndex(std::int64_t index) const noexcept {
         auto it = std::upper_bound(ranges_.begin(), ranges_.end(), index,
                                    [](std::int64_t i, const Range& r) { return i < r.begin; });

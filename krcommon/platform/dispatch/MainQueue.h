@@ -27,6 +27,8 @@ public:
     class KRCOMMON_EXPORT Token {
     public:
         Token() = default;
+        /// Whether the token names a job: true for every token asyncAfter() answers, also once
+        /// that job has run or been cancelled.
         [[nodiscard]] bool isValid() const noexcept { return id_ != 0; }
 
     private:
@@ -62,6 +64,7 @@ public:
 
     /// Queues `job` to run once `seconds` have passed (a negative or NaN delay counts as
     /// none). Jobs run by due time, jobs due at the same time in the order they were posted.
+    /// Throws InternalInconsistencyException for an empty job.
     static Token asyncAfter(double seconds, Job job);
     template <class Rep, class Period>
     static Token asyncAfter(std::chrono::duration<Rep, Period> delay, Job job) {

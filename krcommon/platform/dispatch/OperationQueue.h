@@ -32,9 +32,13 @@ public:
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
 
+    /// A label for the caller's own use, "" unless given. The worker threads are named
+    /// "kr.opqueue" whatever it is.
     [[nodiscard]] std::string name() const;
     void setName(std::string name);
 
+    /// The count as set: DefaultMaxConcurrentOperationCount stays -1 rather than the width it
+    /// stands for.
     [[nodiscard]] int maxConcurrentOperationCount() const;
     /// Changes the width for operations started from now on; running ones are not affected.
     /// Throws InternalInconsistencyException unless `count` is -1 or positive.

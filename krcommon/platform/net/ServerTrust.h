@@ -59,6 +59,7 @@ public:
     /// Empty for a trusted chain.
     [[nodiscard]] const std::string& failureReason() const noexcept { return failureReason_; }
 
+    /// "<ServerTrust: 0x...> { host: H, certificates: N, trusted: yes }" (or "no").
     [[nodiscard]] std::string description() const override;
 
 private:
@@ -102,6 +103,7 @@ public:
     [[nodiscard]] int port() const noexcept { return port_; }
     /// "https".
     [[nodiscard]] const std::string& protocol() const noexcept { return protocol_; }
+    /// AuthenticationMethodServerTrust for every challenge this layer's sessions make.
     [[nodiscard]] const std::string& authenticationMethod() const noexcept { return method_; }
     /// nullptr for challenges of other kinds.
     [[nodiscard]] const std::shared_ptr<ServerTrust>& serverTrust() const noexcept { return trust_; }
@@ -120,6 +122,7 @@ public:
     explicit URLAuthenticationChallenge(std::shared_ptr<URLProtectionSpace> space, std::int64_t previousFailureCount = 0)
         : space_(std::move(space)), previousFailureCount_(previousFailureCount) {}
     [[nodiscard]] const std::shared_ptr<URLProtectionSpace>& protectionSpace() const noexcept { return space_; }
+    /// Earlier failed answers for this protection space; always 0 in the challenges sessions make.
     [[nodiscard]] std::int64_t previousFailureCount() const noexcept { return previousFailureCount_; }
 
 private:

@@ -31,6 +31,7 @@ public:
     /// The announced body length, or -1.
     [[nodiscard]] std::int64_t expectedContentLength() const noexcept { return expectedContentLength_; }
 
+    /// "<URLResponse: 0x...> { URL: ... }".
     [[nodiscard]] std::string description() const override;
 
 private:
@@ -46,6 +47,9 @@ public:
     /// joined into one value with ", ".
     using HeaderFields = std::vector<std::pair<std::string, std::string>>;
 
+    /// The MIME type is the "Content-Type" field without parameters, trimmed and lower-cased
+    /// (nullopt without the field); the expected length is "Content-Length" when that is a
+    /// non-negative integer, else -1.
     HTTPURLResponse(std::shared_ptr<platform::URL> url, std::int64_t statusCode, HeaderFields headerFields);
 
     [[nodiscard]] std::int64_t statusCode() const noexcept { return statusCode_; }
@@ -56,6 +60,7 @@ public:
     /// The reason phrase the platform shows for a status code ("not found").
     [[nodiscard]] static std::string localizedStringForStatusCode(std::int64_t statusCode);
 
+    /// "<HTTPURLResponse: 0x...> { URL: ... } { Status Code: N, Headers {...} }".
     [[nodiscard]] std::string description() const override;
 
 private:

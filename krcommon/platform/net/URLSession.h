@@ -48,6 +48,7 @@ public:
 
     /// The session's copy of its configuration.
     [[nodiscard]] const URLSessionConfiguration& configuration() const noexcept;
+    /// The queue the delegate's events run on: the one given at creation, or the serial queue made then.
     [[nodiscard]] const std::shared_ptr<OperationQueue>& delegateQueue() const noexcept;
 
     /// Transfers started and not yet completed.

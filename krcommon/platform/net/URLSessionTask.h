@@ -32,12 +32,16 @@ public:
 
     /// Unique among the tasks of one session; the first task gets 1.
     [[nodiscard]] std::uint64_t taskIdentifier() const noexcept { return identifier_; }
+    /// The request the task was made with. currentRequest() answers the same one: redirects,
+    /// which the session follows, do not change it (response()->URL() tells where the answer came from).
     [[nodiscard]] const URLRequest& originalRequest() const noexcept { return request_; }
     [[nodiscard]] const URLRequest& currentRequest() const noexcept { return request_; }
     /// The response once its header has arrived; nullptr before.
     [[nodiscard]] std::shared_ptr<URLResponse> response() const;
     /// Why the task failed, once it has completed; nullptr on success.
     [[nodiscard]] std::shared_ptr<Error> error() const;
+    /// Suspended until resume(), Running while it loads, Canceling from cancel() on, Completed
+    /// once it has ended (possibly just before the delegate hears of the completion).
     [[nodiscard]] URLSessionTaskState state() const noexcept { return state_.load(std::memory_order_acquire); }
     /// Body bytes received so far.
     [[nodiscard]] std::int64_t countOfBytesReceived() const noexcept {
@@ -50,6 +54,7 @@ public:
     /// domain's cancelled error (-999). Callable from any thread.
     void cancel();
 
+    /// "<URLSessionDataTask: 0x...> { taskIdentifier: N } { running }", with the class and the state.
     [[nodiscard]] std::string description() const override;
 
 protected:

@@ -46,6 +46,7 @@ public:
     };
 
     AttributedString() = default;
+    /// `text` (malformed bytes replaced by U+FFFD) with `attributes` over all of it.
     explicit AttributedString(std::string_view text, TextAttributes attributes = {});
 
     /// The text as UTF-8.

@@ -22,11 +22,15 @@ class KRCOMMON_EXPORT Button : public Control {
 public:
     /// A custom button (no images, white titles) with the frame given.
     explicit Button(const Rect& frame = {});
+    /// A shared button of `type` with an empty frame; a system button's default title colour is
+    /// the tint blue.
     static std::shared_ptr<Button> buttonWithType(ButtonType type);
     ~Button() override;
 
     [[nodiscard]] ButtonType buttonType() const noexcept { return type_; }
 
+    /// setTitle(), setTitleColor() and setBackgroundImage() store a value for exactly `state` (a
+    /// ControlState mask); nullopt or nullptr removes that state's own value, so it falls back again.
     void setTitle(std::optional<std::string> title, unsigned state);
     /// The title for `state`, falling back to the normal state's.
     [[nodiscard]] std::optional<std::string> titleForState(unsigned state) const;
@@ -38,6 +42,7 @@ public:
     /// The background image for `state`, falling back to the normal state's.
     [[nodiscard]] std::shared_ptr<Image> backgroundImageForState(unsigned state) const;
 
+    /// The values for the control's current state().
     [[nodiscard]] std::optional<std::string> currentTitle() const { return titleForState(state()); }
     [[nodiscard]] Color currentTitleColor() const { return titleColorForState(state()); }
     [[nodiscard]] std::shared_ptr<Image> currentBackgroundImage() const { return backgroundImageForState(state()); }
@@ -45,6 +50,8 @@ public:
     /// The label whose font, alignment and number of lines the title is drawn with.
     [[nodiscard]] const std::shared_ptr<Label>& titleLabel() const noexcept { return titleLabel_; }
 
+    /// The current background image stretched over the bounds, then the current title, if not
+    /// empty, in the current title colour.
     void drawContent(GraphicsContext& context) const override;
 
 private:

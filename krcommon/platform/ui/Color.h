@@ -54,7 +54,9 @@ public:
     /// Makes this colour the fill and stroke colour of the current graphics context
     /// (see ImageContext.h); nothing happens without one.
     void set() const;
+    /// The fill colour only.
     void setFill() const;
+    /// The stroke colour only.
     void setStroke() const;
 
     /// "UIExtendedSRGBColorSpace 1 0 0 1", "UIExtendedGrayColorSpace 1 1" or

@@ -60,6 +60,7 @@ public:
     void addAction(std::function<void(Control&)> block, unsigned long events) { actions_.add(std::move(block), events); }
     /// Withdraws `events` from every action of `target` (null: of all targets and blocks).
     void removeTarget(const void* target, unsigned long events) { actions_.remove(target, events); }
+    /// Withdraws `events` from one action of `target`.
     template <class T, class S>
     void removeTarget(const std::shared_ptr<T>& target, void (T::*action)(S*), unsigned long events) {
         actions_.remove(target.get(), action, events);

@@ -39,6 +39,7 @@ public:
     void addTarget(const std::shared_ptr<T>& target, void (T::*action)(S*)) {
         actions_.add(target, action, kAction);
     }
+    /// Calls `block` with this recogniser; removed only by removeTarget(nullptr).
     void addAction(std::function<void(GestureRecognizer&)> block) { actions_.add(std::move(block), kAction); }
     /// Removes the actions of `target` (null: every target and block).
     void removeTarget(const void* target) { actions_.remove(target, kAction); }
@@ -68,6 +69,8 @@ public:
     TapGestureRecognizer();
     ~TapGestureRecognizer() override;
 
+    /// Kept for the caller (values below 1 become 1); simulateTap() is one recognised tap
+    /// whatever they say.
     [[nodiscard]] int numberOfTapsRequired() const noexcept { return taps_; }
     void setNumberOfTapsRequired(int taps) noexcept { taps_ = taps < 1 ? 1 : taps; }
     [[nodiscard]] int numberOfTouchesRequired() const noexcept { return touches_; }

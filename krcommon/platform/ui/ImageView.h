@@ -18,9 +18,11 @@ public:
     explicit ImageView(std::shared_ptr<Image> image);
     ~ImageView() override;
 
+    /// The image shown; nullptr shows nothing. Setting it leaves the frame as it is.
     [[nodiscard]] const std::shared_ptr<Image>& image() const noexcept { return image_; }
     void setImage(std::shared_ptr<Image> image) noexcept { image_ = std::move(image); }
 
+    /// The image stretched over the bounds; nothing without one.
     void drawContent(GraphicsContext& context) const override;
 
 private:

@@ -45,6 +45,7 @@ public:
     /// The size the text needs, at most `width` wide (0: unbounded).
     [[nodiscard]] Size sizeThatFits(double width) const;
 
+    /// The text laid out in the bounds (see the file comment); nothing without text.
     void drawContent(GraphicsContext& context) const override;
 
 private:

@@ -46,6 +46,8 @@ public:
                                                                 LayoutAttribute toAttribute, double multiplier,
                                                                 double constant);
 
+    /// The terms of the rule as made. The items are held weakly (nullptr once gone);
+    /// secondItem() is nullptr and secondAttribute() NotAnAttribute for a constant rule.
     [[nodiscard]] std::shared_ptr<View> firstItem() const noexcept { return first_.lock(); }
     [[nodiscard]] LayoutAttribute firstAttribute() const noexcept { return firstAttribute_; }
     [[nodiscard]] std::shared_ptr<View> secondItem() const noexcept { return second_.lock(); }

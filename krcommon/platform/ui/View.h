@@ -82,6 +82,7 @@ public:
     }
     /// Attaches `recognizer`, taking it from the view it was attached to.
     void addGestureRecognizer(const std::shared_ptr<GestureRecognizer>& recognizer);
+    /// Detaches `recognizer` when it is attached here; otherwise nothing.
     void removeGestureRecognizer(const std::shared_ptr<GestureRecognizer>& recognizer);
 
     /// When true (the default), the frame as set stands fixed during the superview's
@@ -97,6 +98,7 @@ public:
     /// installed on one view at a time; adding it again elsewhere moves it.
     void addConstraint(const std::shared_ptr<LayoutConstraint>& constraint);
     void addConstraints(const std::vector<std::shared_ptr<LayoutConstraint>>& constraints);
+    /// Uninstalls `constraint` when it is installed here, marking the view for layout; otherwise nothing.
     void removeConstraint(const std::shared_ptr<LayoutConstraint>& constraint);
 
     /// The layout pass of this view: solves its constraints and places its subviews
