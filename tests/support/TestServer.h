@@ -13,28 +13,21 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
 namespace krcommon::test {
 
 struct RecordedPart {
-    std::string filename;
-    std::string contentType;
-    std::string content;
+    std::string filename, contentType, content;
 };
 
 struct RecordedRequest {
-    std::string method;
-    std::string path;
+    std::string method, path;
     std::multimap<std::string, std::string> query;
     httplib::Headers headers;  // case-insensitive names
     std::string body;
@@ -44,7 +37,6 @@ struct RecordedRequest {
         auto it = headers.find(name);
         return it == headers.end() ? std::string() : it->second;
     }
-    [[nodiscard]] bool hasHeader(const std::string& name) const { return headers.find(name) != headers.end(); }
     [[nodiscard]] std::string queryValue(const std::string& name) const {
         auto it = query.find(name);
         return it == query.end() ? std::string() : it->second;
@@ -56,7 +48,9 @@ public:
     using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
 
     /// A plain HTTP server.
-    static std::unique_ptr<TestServer> http() { return std::unique_ptr<TestServer>(new TestServer(std::make_unique<httplib::Server>())); }
+    static std::unique_ptr<TestServer> http() {
+        return std::unique_ptr<TestServer>(new TestServer(std::make_unique<httplib::Server>()));
+    }
     /// An HTTPS server presenting `identity`.
     static std::unique_ptr<TestServer> https(const Identity& identity) {
         return std::unique_ptr<TestServer>(
@@ -81,9 +75,6 @@ public:
     /// Starts listening; routes must be added before.
     void start() {
         port_ = server_->bind_to_any_port("127.0.0.1");
-        // The server library listens with a backlog of 5; tests open dozens of
-        // connections at once, so make the queue as deep as the system allows.
-        if (listeningSocket_ >= 0) ::listen(listeningSocket_, SOMAXCONN);
         thread_ = std::thread([this] { server_->listen_after_bind(); });
         while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -93,7 +84,7 @@ public:
             std::lock_guard lock(mutex_);
             stopping_ = true;
         }
-        released_.notify_all();
+        changed_.notify_all();
         if (thread_.joinable()) {
             server_->stop();
             thread_.join();
@@ -103,7 +94,13 @@ public:
     /// Blocks a handler until `seconds` pass or the server stops.
     void stall(double seconds) {
         std::unique_lock lock(mutex_);
-        released_.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return stopping_; });
+        changed_.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return stopping_; });
+    }
+    /// Waits until `count` requests have reached the routes; false after `seconds`.
+    bool waitForRequests(std::size_t count, double seconds = 20) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::duration<double>(seconds),
+                                 [&] { return requests_.size() >= count; });
     }
 
     [[nodiscard]] int port() const { return port_; }
@@ -118,59 +115,40 @@ public:
         std::lock_guard lock(mutex_);
         return requests_.size();
     }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        requests_.clear();
-    }
+    /// The server library's own object, for routes that are not recorded and for tuning.
     httplib::Server& server() { return *server_; }
 
 private:
     explicit TestServer(std::unique_ptr<httplib::Server> server) : server_(std::move(server)) {
-        // One thread per connection at the most, so that keep-alive connections never queue.
-        server_->new_task_queue = [] { return new httplib::ThreadPool(160); };
-        server_->set_keep_alive_max_count(100000);
-        server_->set_tcp_nodelay(true);
-        server_->set_socket_options([this](socket_t sock) {
-            httplib::default_socket_options(sock);
-            listeningSocket_ = sock;
-        });  // answers go out at once, not after the peer's delayed ACK
+        // Connections stay open as long as clients keep them (the library's default closes one
+        // after 5 requests), with enough threads that idle ones never hold a request up.
+        server_->set_keep_alive_max_count(1000);
+        server_->new_task_queue = [] { return new httplib::ThreadPool(32); };
+        server_->set_tcp_nodelay(true);  // answers go out at once, not after the peer's delayed ACK
     }
 
     void record(const httplib::Request& request) {
-        RecordedRequest r;
-        r.method = request.method;
-        r.path = request.path;
+        RecordedRequest r{request.method, request.path, {}, request.headers, request.body, {}};
         for (const auto& [k, v] : request.params) r.query.emplace(k, v);
-        r.headers = request.headers;
-        r.body = request.body;
-        for (const auto& [name, part] : request.files) {
-            r.parts.emplace(name, RecordedPart{part.filename, part.content_type, part.content});
+        for (const auto& [k, f] : request.files) r.parts.emplace(k, RecordedPart{f.filename, f.content_type, f.content});
+        {
+            std::lock_guard lock(mutex_);
+            requests_.push_back(std::move(r));
         }
-        std::lock_guard lock(mutex_);
-        if (keepRecords_) requests_.push_back(std::move(r));
+        changed_.notify_all();
     }
 
-public:
-    /// Load tests switch recording off to keep memory flat.
-    void setRecording(bool on) {
-        std::lock_guard lock(mutex_);
-        keepRecords_ = on;
-    }
-
-private:
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
     int port_ = 0;
-    int listeningSocket_ = -1;
     mutable std::mutex mutex_;
-    std::condition_variable released_;
+    std::condition_variable changed_;
     bool stopping_ = false;
-    bool keepRecords_ = true;
     std::vector<RecordedRequest> requests_;
 };
 
-/// A TCP socket bound to a free port on 127.0.0.1; `port` receives the port.
-inline int boundLoopbackSocket(int& port) {
+/// A port on 127.0.0.1 that nothing listens on: bound once, then released.
+inline int closedPort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -178,15 +156,8 @@ inline int boundLoopbackSocket(int& port) {
     socklen_t length = sizeof address;
     ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    port = ntohs(address.sin_port);
-    return fd;
-}
-
-/// A port on 127.0.0.1 that nothing listens on: bound once, then released.
-inline int closedPort() {
-    int port = 0;
-    ::close(boundLoopbackSocket(port));
-    return port;
+    ::close(fd);
+    return ntohs(address.sin_port);
 }
 
 }  // namespace krcommon::test
