@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 30
 DEPS := scripts/install-deps.sh
 
-.PHONY: all deps build test demo test-asan test-tsan bench fuzz fuzz-smoke install clean
+.PHONY: all deps build test test-load demo test-asan test-tsan bench fuzz fuzz-smoke install clean
 
 all: build
 
@@ -18,6 +18,10 @@ build: deps
 
 test: build
 	ctest --preset default -j $(JOBS)
+
+# The 10,000-request load test, once, on the default build (the test presets leave it out).
+test-load: build
+	ctest --test-dir build/default -L load --output-on-failure
 
 demo: build
 	./build/default/examples/krcommon-demo
