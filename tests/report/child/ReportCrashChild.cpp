@@ -1,8 +1,5 @@
-// The crash test's child: reports records for ever into the queue under the
-// app home given as its first argument, uploading to a port on 127.0.0.1 where
-// nothing listens (so every batch fails and the queue keeps growing until it
-// passes fifty and starts over). The parent kills it at random moments.
-
+// The crash test's child: reports records for ever under the app home given, uploading to a closed
+// port, so that every batch fails and the queue grows until it passes fifty and starts over.
 #include <krcommon/config/KIHostService.h>
 #include <krcommon/platform/app/SystemLog.h>
 #include <krcommon/platform/dispatch/MainQueue.h>
@@ -11,21 +8,15 @@
 
 #include "CrashRecord.h"
 
-#include <cstdio>
 #include <string>
 
-namespace {
 struct Silent final : krcommon::platform::LogSink {
     void write(std::string_view) override {}
 };
-}  // namespace
 
 int main(int argc, char** argv) {
     using namespace krcommon;
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s APP_HOME CLOSED_PORT\n", argv[0]);
-        return 2;
-    }
+    if (argc != 3) return 2;  // APP_HOME CLOSED_PORT
     platform::SearchPaths::setApplicationHome(argv[1]);
     platform::SystemLog::setSink(std::make_shared<Silent>());
     KIHostService::service().updateHostServers(
