@@ -118,3 +118,18 @@ TEST(Error, DescriptionAndLocalizedDescription) {
               "Error Domain=NSURLErrorDomain Code=-1001 \"The request timed out.\" "
               "UserInfo={NSLocalizedDescription=The request timed out.}");
 }
+
+// Mutable iteration rewrites values in place; the keys, which the hash index is built on,
+// stay read-only, so lookups after the loop still find every member.
+template <class D>
+concept KeysWritableThroughIteration = requires(D& d) { d.begin()->first = std::string(); };
+
+TEST(Dictionary, MutableIterationChangesValuesButNeverKeys) {
+    EXPECT_FALSE(KeysWritableThroughIteration<Dictionary>);
+    Dictionary d;
+    for (int i = 0; i < 40; ++i) d.set("k" + std::to_string(i), i);
+    for (auto&& [key, value] : d) value = key + "!";
+    d.begin()->second = "first";
+    for (int i = 1; i < 40; ++i) EXPECT_EQ(d["k" + std::to_string(i)], Value("k" + std::to_string(i) + "!"));
+    EXPECT_EQ(d["k0"], Value("first"));
+}
