@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdio>
 
 using namespace krcommon::platform;
@@ -80,6 +81,17 @@ TEST(Format, MissingAndMismatchedArgumentsNeverReadGarbage) {
         {format("%'d|%-c|", 1234567, 'y'), "1234567|y|"},
     };
     for (const auto& row : rows) EXPECT_EQ(row.got, row.expected);
+}
+
+// A width or precision taken from an argument obeys the limit a written one does, and a
+// negative width from an argument left-justifies, as in C.
+TEST(Format, ArgumentWidthsAreClampedAndNegativeOnesLeftJustify) {
+    EXPECT_EQ(format("%*d|", -4, 7), "7   |");
+    EXPECT_EQ(format("%-*d|", -4, 7), "7   |");
+    EXPECT_EQ(format("%*d", INT_MAX, 7), format("%9999d", 7));
+    EXPECT_EQ(format("%*s|", INT_MIN, "x"), format("%-9999s|", "x"));
+    EXPECT_EQ(format("%.*f", INT_MAX, 0.5), format("%.9999f", 0.5));
+    EXPECT_EQ(format("%9999d", 7).size(), 4096u);
 }
 
 }  // namespace
