@@ -224,6 +224,8 @@ const Value& Value::operator[](std::string_view key) const noexcept {
 std::string numberDescription(double d) {
     if (std::isnan(d)) return "nan";
     if (std::isinf(d)) return d < 0 ? "-inf" : "inf";
+    // Whole numbers print as integers; a negative zero keeps its sign, as printf's does.
+    if (d == 0) return std::signbit(d) ? "-0" : "0";
     if (d == std::floor(d) && std::fabs(d) < 1e15) {
         char buf[32];
         auto [end, ec] = std::to_chars(buf, buf + sizeof buf, static_cast<std::int64_t>(d));

@@ -70,7 +70,7 @@ const Row kText[] = {
      [] { return format("%@|%@|%s", std::optional<std::string>(), std::optional<std::string>("x"),
                         std::optional<std::string_view>("y")); },
      "(null)|x|y"},
-    {"NumbersAsStrings", [] { return format("%s|%s", 12, 2.5); }, "12|2.5"},
+    {"NumbersAsStrings", [] { return format("%s|%s|%s", 12, 2.5, -0.0); }, "12|2.5|-0"},
     {"Character", [] { return format("%c|%3c|%-3c|%C", 'A', 'x', 'y', 'z'); }, "A|  x|y  |z"},
     {"Pointer", [] { return format("%p|%p", static_cast<const void*>(nullptr), reinterpret_cast<const void*>(0x1234)); },
      "0x0|0x1234"},

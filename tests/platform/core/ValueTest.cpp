@@ -48,6 +48,7 @@ const DescriptionRow kDescriptions[] = {
     {"Infinity", Value(kInf), "inf"},
     {"NegativeInfinity", Value(-kInf), "-inf"},
     {"NaN", Value(std::nan("")), "nan"},
+    {"NegativeZero", Value(-0.0), "-0"},
     {"TopLevelStringIsNeverQuoted", Value("say \"hi\"\n"), "say \"hi\"\n"},
     {"LettersAndDigitsStayBare", Array{"azAZ09", 7}, "(\n    azAZ09,\n    7\n)"},
     {"NeighboursOfPlainRangesAreQuoted", Array{"`", "{", "@", "["}, "(\n    \"`\",\n    \"{\",\n    \"@\",\n    \"[\"\n)"},
