@@ -396,6 +396,8 @@ void Value::appendDescription(std::string& out, int indent) const {
             out += "(\n"sv;
             for (std::size_t i = 0; i < a.size(); ++i) {
                 appendIndent(out, indent + 1);
+                // As after " = " in a dictionary, a nested collection is indented once more.
+                if (a[i].isArray() || a[i].isDictionary()) appendIndent(out, indent + 1);
                 a[i].appendDescription(out, indent + 1);
                 if (i + 1 < a.size()) out.push_back(',');
                 out.push_back('\n');

@@ -67,8 +67,12 @@ const DescriptionRow kDescriptions[] = {
     {"LastSecondOfYear9999", Value(Date{253402300799.0}), "9999-12-31 23:59:59 +0000"},
     {"DateWithoutCalendar", Value(Date{-1e300}), "-1e+300 seconds since 1970-01-01 00:00:00 +0000"},
     {"NaNDate", Value(Date{std::nan("")}), "nan seconds since 1970-01-01 00:00:00 +0000"},
+    {"EmptyCollections", Array{Array{}, Dictionary{}}, "(\n        (\n    ),\n        {\n    }\n)"},
     {"DictionarySortsAndQuotesKeys", Dictionary{{"b", 2}, {"a b", "x"}, {"A", "y"}},
      "{\n    A = y;\n    \"a b\" = x;\n    b = 2;\n}"},
+    {"NestedCollections", Dictionary{{"list", Array{Dictionary{{"id", 1}}, 2}}, {"map", Dictionary{{"k", Array{}}}}},
+     "{\n    list =     (\n                {\n            id = 1;\n        },\n        2\n    );\n"
+     "    map =     {\n        k =         (\n        );\n    };\n}"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Kinds, ValueDescription, ::testing::ValuesIn(kDescriptions),
