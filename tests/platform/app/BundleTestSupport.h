@@ -26,16 +26,9 @@ namespace krcommon::test {
 enum class TableForm { UTF8Text, UTF8TextWithBOM, UTF16LEText, UTF16BEText, UTF16LETextNoBOM, XMLPlist, BinaryPlist };
 
 inline const char* tableFormName(TableForm form) {
-    switch (form) {
-        case TableForm::UTF8Text: return "UTF8Text";
-        case TableForm::UTF8TextWithBOM: return "UTF8TextWithBOM";
-        case TableForm::UTF16LEText: return "UTF16LEText";
-        case TableForm::UTF16BEText: return "UTF16BEText";
-        case TableForm::UTF16LETextNoBOM: return "UTF16LETextNoBOM";
-        case TableForm::XMLPlist: return "XMLPlist";
-        case TableForm::BinaryPlist: return "BinaryPlist";
-    }
-    return "?";
+    static constexpr const char* names[] = {"UTF8Text",         "UTF8TextWithBOM", "UTF16LEText", "UTF16BEText",
+                                            "UTF16LETextNoBOM", "XMLPlist",        "BinaryPlist"};
+    return names[static_cast<int>(form)];
 }
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
@@ -119,7 +112,7 @@ inline void writeTable(const std::string& bundle, const std::string& localizatio
     writeBytes(path + "/" + table + ".strings", encodeTable(form, entries));
 }
 
-/// Sets an environment variable for the lifetime of the object, then restores it.
+/// Sets an environment variable (nullptr: unsets it) for the lifetime of the object, then restores it.
 class ScopedEnv {
 public:
     ScopedEnv(const char* name, const char* value) : name_(name) {

@@ -10,8 +10,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
 #include <locale.h>
 
 using namespace krcommon::platform;
@@ -19,11 +17,9 @@ using krcommon::test::TempFolder;
 
 namespace {
 
-// A file of tests/data/platform/io in the source tree.
+// A checked-in file of tests/data/platform/io.
 std::string fixture(const std::string& name) {
-    const char* root = std::getenv("KRCOMMON_TEST_SOURCE_DIR");  // else <source>/build/<preset>/tests/<program>
-    const auto source = root ? std::filesystem::path(root) : std::filesystem::canonical("/proc/self/exe").parent_path() / "../../..";
-    const auto bytes = FileManager::contentsAtPath((source / "tests/data/platform/io" / name).string());
+    const auto bytes = FileManager::contentsAtPath(krcommon::test::dataPath("platform/io/" + name));
     return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
 }
 
