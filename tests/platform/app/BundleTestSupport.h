@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -30,6 +31,7 @@ inline const char* tableFormName(TableForm form) {
                                             "UTF16LETextNoBOM", "XMLPlist",        "BinaryPlist"};
     return names[static_cast<int>(form)];
 }
+inline void PrintTo(TableForm form, std::ostream* os) { *os << tableFormName(form); }  // gtest's name for a row
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
@@ -50,22 +52,13 @@ inline std::string convertWithIconv(const std::string& utf8, const char* to) {
 
 /// The text form of `entries`, quoting and escaping as a translator's tool writes it.
 inline std::string stringsText(const Entries& entries) {
+    const auto quote = [](const std::string& s) {
+        std::string q = "\"";
+        for (char c : s) q += c == '\n' ? std::string("\\n") : c == '"' || c == '\\' ? std::string{'\\', c} : std::string(1, c);
+        return q + "\"";
+    };
     std::string text = "/* Generated for a test */\n";
-    for (const auto& [key, value] : entries) {
-        auto quote = [](const std::string& s) {
-            std::string q = "\"";
-            for (char c : s) {
-                if (c == '"' || c == '\\') q.push_back('\\');
-                if (c == '\n') {
-                    q += "\\n";
-                    continue;
-                }
-                q.push_back(c);
-            }
-            return q + "\"";
-        };
-        text += quote(key) + " = " + quote(value) + ";\n";
-    }
+    for (const auto& [key, value] : entries) text += quote(key) + " = " + quote(value) + ";\n";
     return text;
 }
 
