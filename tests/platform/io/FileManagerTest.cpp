@@ -88,6 +88,21 @@ TEST(FileManager, MovesWithoutReplacingAndRemovesTreesButNotLinkTargets) {
     EXPECT_EQ(*error->userInfo()["NSFilePath"].string(), tmp / "tree");
 }
 
+// Across file systems a move copies the tree and removes the original.
+TEST(FileManager, MovesTreesAcrossFileSystems) {
+    TempFolder tmp;
+    struct stat a {}, b {};
+    if (::stat("/dev/shm", &b) != 0 || ::stat(tmp.path().c_str(), &a) != 0 || a.st_dev == b.st_dev)
+        GTEST_SKIP() << "no second file system at /dev/shm";
+    ASSERT_TRUE(FileManager::createDirectoryAtPath(tmp / "tree/sub", true));
+    writeText(tmp / "tree/sub/leaf", "leaf");
+    const std::string target = "/dev/shm/krcommon-io-move-" + std::to_string(::getpid());
+    ASSERT_TRUE(FileManager::moveItemAtPath(tmp / "tree", target));
+    EXPECT_EQ(readText(target + "/sub/leaf"), "leaf");
+    EXPECT_FALSE(FileManager::fileExistsAtPath(tmp / "tree"));
+    EXPECT_TRUE(FileManager::removeItemAtPath(target));
+}
+
 TEST(FileManager, ReadsWholeFilesWhateverTheirReportedSize) {
     TempFolder tmp;
     std::string big;

@@ -133,6 +133,7 @@ TEST(PropertyList, RoundTripsThroughFilesAndBinaryAndRefusesWhatCannotBeWritten)
     for (int i = 0; i < 512; ++i) tooDeep = Array{tooDeep};  // 513 levels
     const Value rows[] = {Value(), Array{1, Null{}}, Dictionary{{"e", Error::make("D", 1)}},
                           Array{std::string("a\0b", 3)}, Dictionary{{std::string("a\0b", 3), 1}}, Array{"a\x80"},
+                          Array{"\xF4\x90\x80\x80"},  // past U+10FFFF
                           Array{Date{253402300800.0}}, Array{Date{-62135596801.0}},  // years 10000 and 0
                           Array{Date{std::nan("")}}, tooDeep};
     for (const auto& row : rows) {
