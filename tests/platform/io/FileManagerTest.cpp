@@ -76,8 +76,10 @@ TEST(FileManager, MovesWithoutReplacingAndRemovesTreesButNotLinkTargets) {
     ASSERT_TRUE(FileManager::createDirectoryAtPath(tmp / "tree/a/b", true));
     EXPECT_TRUE(FileManager::moveItemAtPath(tmp / "from", tmp / "tree/a/b/f", &error));
     EXPECT_EQ(readText(tmp / "tree/a/b/f"), "new");
-    EXPECT_FALSE(FileManager::moveItemAtPath(tmp / "from", tmp / "again", &error));
-    expectPOSIXError(error, ENOENT, "moved away");
+    for (const char* to : {"again", "to"}) {  // a missing source, whether or not the target exists
+        EXPECT_FALSE(FileManager::moveItemAtPath(tmp / "from", tmp / to, &error));
+        expectPOSIXError(error, ENOENT, to);
+    }
 
     ASSERT_EQ(::symlink(tmp.path().c_str(), (tmp / "tree/a/link").c_str()), 0);  // must not be followed
     EXPECT_TRUE(FileManager::removeItemAtPath(tmp / "tree"));

@@ -98,6 +98,7 @@ TEST(PropertyList, RejectsWhatIsNotABoundedPropertyList) {
         {"", false}, {"   \n", false}, {"just text", false}, {"{\"json\": 1}", false}, {"<plist></plist>", false},
         {"<plist><dict><key>a</key><string>b</string></dict", false},
         {"<plist><string>\xC3(</string></plist>", false}, {"bplist00", false}, {"bplist00" + std::string(40, '\0'), false},
+        {std::string("<plist><string>a") + '\0' + "b</string></plist>", false},  // libplist would stop at the NUL
         {nestedXML(512), true}, {nestedXML(513), false}, {nestedXML(200000), false}, {repeat("<dict>", 200000), false},
         {repeat("<array><!--</array>-->", 100000), false}, {repeat("<array><!--></array>-->", 100000), false},
         {repeat("<array><![CDATA[</array>]]>", 100000), false}, {repeat("<array a=\"/>\">", 100000), false},
