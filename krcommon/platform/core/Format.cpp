@@ -2,6 +2,7 @@
 
 #include <fmt/printf.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -63,8 +64,13 @@ void appendObject(fmt::memory_buffer& out, const FormatArg* arg) {
     }
 }
 
+// Widths and precisions are clamped here, literal or taken from an argument: no line of
+// the library needs more, and an unchecked `*` could ask for gigabytes of padding.
+constexpr int kMaxWidth = 4096;
+
 struct Conversion {
     std::string_view flags;
+    bool leftJustify = false;  // a negative `*` width, as in C
     int width = -1;
     int precision = -1;
     bool hasWidth = false;
@@ -120,6 +126,7 @@ void appendWithFlags(fmt::memory_buffer& out, const Conversion& conv, T value) {
     char buf[64];
     std::size_t n = 0;
     buf[n++] = '%';
+    if (conv.leftJustify) buf[n++] = '-';
     for (char f : conv.flags)
         if (n < 8 && f != '\'') buf[n++] = f;
     if (conv.hasWidth) n += static_cast<std::size_t>(std::snprintf(buf + n, 16, "%d", conv.width));
@@ -183,12 +190,14 @@ void vformatTo(fmt::memory_buffer& out, std::string_view fmt, std::span<const Fo
         if (p < end && *p == '*') {
             ++p;
             conv.hasWidth = true;
-            conv.width = static_cast<int>(asSigned(take(0), 0));
+            const std::int64_t given = asSigned(take(0), 0);  // an int, as C reads it
+            conv.leftJustify = given < 0;
+            conv.width = static_cast<int>(std::min<std::int64_t>(given < 0 ? -given : given, kMaxWidth));
         } else {
             while (p < end && *p >= '0' && *p <= '9') {
                 conv.hasWidth = true;
                 conv.width = (conv.width < 0 ? 0 : conv.width) * 10 + (*p++ - '0');
-                if (conv.width > 4096) conv.width = 4096;
+                if (conv.width > kMaxWidth) conv.width = kMaxWidth;
             }
         }
         if (p < end && *p == '.') {
@@ -197,11 +206,11 @@ void vformatTo(fmt::memory_buffer& out, std::string_view fmt, std::span<const Fo
             conv.precision = 0;
             if (p < end && *p == '*') {
                 ++p;
-                conv.precision = static_cast<int>(asSigned(take(0), 0));
+                conv.precision = static_cast<int>(std::min<std::int64_t>(asSigned(take(0), 0), kMaxWidth));
             } else {
                 while (p < end && *p >= '0' && *p <= '9') {
                     conv.precision = conv.precision * 10 + (*p++ - '0');
-                    if (conv.precision > 4096) conv.precision = 4096;
+                    if (conv.precision > kMaxWidth) conv.precision = kMaxWidth;
                 }
             }
         }

@@ -224,6 +224,8 @@ const Value& Value::operator[](std::string_view key) const noexcept {
 std::string numberDescription(double d) {
     if (std::isnan(d)) return "nan";
     if (std::isinf(d)) return d < 0 ? "-inf" : "inf";
+    // Whole numbers print as integers; a negative zero keeps its sign, as printf's does.
+    if (d == 0) return std::signbit(d) ? "-0" : "0";
     if (d == std::floor(d) && std::fabs(d) < 1e15) {
         char buf[32];
         auto [end, ec] = std::to_chars(buf, buf + sizeof buf, static_cast<std::int64_t>(d));
@@ -394,6 +396,8 @@ void Value::appendDescription(std::string& out, int indent) const {
             out += "(\n"sv;
             for (std::size_t i = 0; i < a.size(); ++i) {
                 appendIndent(out, indent + 1);
+                // As after " = " in a dictionary, a nested collection is indented once more.
+                if (a[i].isArray() || a[i].isDictionary()) appendIndent(out, indent + 1);
                 a[i].appendDescription(out, indent + 1);
                 if (i + 1 < a.size()) out.push_back(',');
                 out.push_back('\n');

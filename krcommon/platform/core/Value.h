@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -63,7 +64,35 @@ class KRCOMMON_EXPORT Dictionary {
 public:
     using Entry = std::pair<std::string, Value>;
     using const_iterator = std::vector<Entry>::const_iterator;
-    using iterator = std::vector<Entry>::iterator;
+
+    /// Mutable iteration in insertion order. Each member reads as a (key, value) pair of
+    /// references: the key read-only, since the index is built on it, the value writable.
+    /// `for (auto&& [key, value] : dictionary) value = ...;` changes values in place.
+    class iterator {
+    public:
+        using iterator_category = std::input_iterator_tag;
+        using value_type = Entry;
+        using difference_type = std::ptrdiff_t;
+        using reference = std::pair<const std::string&, Value&>;
+        struct pointer {
+            reference member;
+            const reference* operator->() const noexcept { return &member; }
+        };
+
+        iterator() = default;
+        reference operator*() const noexcept;
+        pointer operator->() const noexcept { return pointer{**this}; }
+        iterator& operator++() noexcept;
+        iterator operator++(int) noexcept;
+        friend bool operator==(const iterator&, const iterator&) = default;
+        /// The same position, read-only.
+        operator const_iterator() const noexcept { return position_; }
+
+    private:
+        friend class Dictionary;
+        explicit iterator(std::vector<Entry>::iterator position) noexcept : position_(position) {}
+        std::vector<Entry>::iterator position_;
+    };
 
     Dictionary();
     /// The entries in the order given; a repeated key keeps its first position and its last value.
@@ -100,7 +129,7 @@ public:
     /// The entries as (key, value) pairs, in insertion order.
     [[nodiscard]] const_iterator begin() const noexcept;
     [[nodiscard]] const_iterator end() const noexcept;
-    /// Iteration may change values, never keys.
+    /// Iteration may change values, never keys (see `iterator`).
     [[nodiscard]] iterator begin() noexcept;
     [[nodiscard]] iterator end() noexcept;
 
@@ -235,8 +264,20 @@ inline std::size_t Dictionary::size() const noexcept { return entries_.size(); }
 inline bool Dictionary::empty() const noexcept { return entries_.empty(); }
 inline Dictionary::const_iterator Dictionary::begin() const noexcept { return entries_.begin(); }
 inline Dictionary::const_iterator Dictionary::end() const noexcept { return entries_.end(); }
-inline Dictionary::iterator Dictionary::begin() noexcept { return entries_.begin(); }
-inline Dictionary::iterator Dictionary::end() noexcept { return entries_.end(); }
+inline Dictionary::iterator Dictionary::begin() noexcept { return iterator(entries_.begin()); }
+inline Dictionary::iterator Dictionary::end() noexcept { return iterator(entries_.end()); }
+inline Dictionary::iterator::reference Dictionary::iterator::operator*() const noexcept {
+    return {position_->first, position_->second};
+}
+inline Dictionary::iterator& Dictionary::iterator::operator++() noexcept {
+    ++position_;
+    return *this;
+}
+inline Dictionary::iterator Dictionary::iterator::operator++(int) noexcept {
+    iterator before = *this;
+    ++position_;
+    return before;
+}
 
 /// Text of a double as the platform prints a number: the shortest form that
 /// reads back exactly ("0.1", "5", "1e+20").

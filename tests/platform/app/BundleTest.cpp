@@ -1,4 +1,5 @@
 #include <krcommon/platform/app/Bundle.h>
+
 #include <krcommon/platform/io/PropertyList.h>
 
 #include "platform/app/BundleTestSupport.h"
@@ -6,8 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
+#include <ostream>
 
 using krcommon::platform::Bundle;
 using krcommon::platform::Dictionary;
@@ -27,31 +27,19 @@ protected:
     }
 };
 
-struct TagRow {
-    const char* locale;
-    std::optional<std::string> tag;
-};
-
-class BundleLanguageTag : public ::testing::TestWithParam<TagRow> {};
-
-TEST_P(BundleLanguageTag, MapsLocaleNamesToTags) {
-    EXPECT_EQ(Bundle::languageTag(GetParam().locale), GetParam().tag) << GetParam().locale;
+TEST(Bundle, MapsLocaleNamesToLanguageTags) {
+    const std::pair<const char*, std::optional<std::string>> rows[] = {
+        {"zh_CN.UTF-8", "zh-Hans"}, {"zh_SG", "zh-Hans"},   {"zh", "zh-Hans"},          {"zh_TW.Big5", "zh-Hant"},
+        {"zh_HK.UTF-8", "zh-Hant"}, {"zh_MO", "zh-Hant"},   {"zh-Hant-HK", "zh-Hant"},  {"zh-hans", "zh-Hans"},
+        {"en_GB.UTF-8", "en-GB"},   {"de_DE@euro", "de-DE"}, {"pt-br", "pt-BR"},        {"sr_Latn_RS", "sr-Latn-RS"},
+        {"EN", "en"},               {"C", std::nullopt},    {"C.UTF-8", std::nullopt}, {"POSIX", std::nullopt},
+        {"", std::nullopt},         {".UTF-8", std::nullopt}};
+    for (const auto& [locale, tag] : rows) EXPECT_EQ(Bundle::languageTag(locale), tag) << locale;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Locales, BundleLanguageTag,
-    ::testing::Values(TagRow{"zh_CN.UTF-8", "zh-Hans"}, TagRow{"zh_SG", "zh-Hans"}, TagRow{"zh", "zh-Hans"},
-                      TagRow{"zh_TW.Big5", "zh-Hant"}, TagRow{"zh_HK.UTF-8", "zh-Hant"}, TagRow{"zh_MO", "zh-Hant"},
-                      TagRow{"zh-Hant-HK", "zh-Hant"}, TagRow{"zh-hans", "zh-Hans"}, TagRow{"en_GB.UTF-8", "en-GB"},
-                      TagRow{"de_DE@euro", "de-DE"}, TagRow{"pt-br", "pt-BR"}, TagRow{"sr_Latn_RS", "sr-Latn-RS"},
-                      TagRow{"EN", "en"}, TagRow{"C", std::nullopt}, TagRow{"C.UTF-8", std::nullopt},
-                      TagRow{"POSIX", std::nullopt}, TagRow{"", std::nullopt}, TagRow{".UTF-8", std::nullopt}));
-
 TEST_F(BundleTest, PreferredLanguagesComeFromTheHostAheadOfTheEnvironment) {
-    ScopedEnv language("LANGUAGE", "fr_FR:de:C");
-    ScopedEnv all("LC_ALL", nullptr);
-    ScopedEnv messages("LC_MESSAGES", nullptr);
-    ScopedEnv lang("LANG", "zh_TW.UTF-8");
+    ScopedEnv language("LANGUAGE", "fr_FR:de:C"), all("LC_ALL", nullptr), messages("LC_MESSAGES", nullptr),
+        lang("LANG", "zh_TW.UTF-8");
     EXPECT_EQ(Bundle::preferredLanguages(), (std::vector<std::string>{"fr-FR", "de", "zh-Hant"}));
     {
         ScopedEnv messagesSet("LC_MESSAGES", "ja_JP.UTF-8");
@@ -59,8 +47,6 @@ TEST_F(BundleTest, PreferredLanguagesComeFromTheHostAheadOfTheEnvironment) {
     }
     Bundle::setPreferredLanguages({"zh_CN", "zh-Hans", "en"});
     EXPECT_EQ(Bundle::preferredLanguages(), (std::vector<std::string>{"zh-Hans", "en"}));
-    Bundle::setPreferredLanguages({});
-    EXPECT_EQ(Bundle::preferredLanguages().front(), "fr-FR");
 }
 
 // A bundle with tables in several localisations, each telling where it lives.
@@ -74,20 +60,25 @@ struct LocalizedBundle {
         writeTable(folder.path(), "fr", "Other", {{"where", "fr"}});  // fr has no Errors table
         writeTable(folder.path(), "Base", "BaseOnly", {{"where", "Base"}});
         writeTable(folder.path(), "", "TopOnly", {{"where", "top"}});
+        krcommon::test::writeBytes(folder / "de.lproj/Broken.strings", "\"where\" = ");
+        writeTable(folder.path(), "en", "Broken", {{"where", "en, as de's is unreadable"}});
         if (developmentRegion) {
-            auto plist = krcommon::platform::PropertyList::writeXML(
-                Value(Dictionary{{"CFBundleDevelopmentRegion", developmentRegion}}));
-            krcommon::test::writeBytes(folder / "Info.plist", *plist);
+            const Value info = Dictionary{{"CFBundleDevelopmentRegion", developmentRegion}};
+            krcommon::test::writeBytes(folder / "Info.plist", *krcommon::platform::PropertyList::writeXML(info));
+        } else {  // a binary one, as build tools write it
+            std::filesystem::copy_file(krcommon::test::dataPath("platform/app/Info.plist"), folder / "Info.plist");
         }
         bundle = Bundle::bundleWithPath(folder.path());
     }
 };
 
 struct ChoiceRow {
+    const char* name;
     std::vector<std::string> preferred;
     const char* developmentRegion;
     const char* localization;  // chosen folder
     const char* errorsFrom;    // where the "Errors" table is read from
+    friend void PrintTo(const ChoiceRow& r, std::ostream* os) { *os << r.name; }
 };
 
 class BundleLanguageChoice : public BundleTest, public ::testing::WithParamInterface<ChoiceRow> {};
@@ -102,131 +93,64 @@ TEST_P(BundleLanguageChoice, PicksTheFirstPreferredLanguageTheBundleHas) {
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, BundleLanguageChoice,
-    ::testing::Values(ChoiceRow{{"de_DE.UTF-8"}, nullptr, "de", "de"},          // base language of a regional tag
-                      ChoiceRow{{"zh_CN.UTF-8"}, nullptr, "zh-Hans", "zh-Hans"},  // script-named folder
-                      ChoiceRow{{"zh_TW.UTF-8"}, nullptr, "zh_TW", "zh_TW"},      // legacy underscore folder
-                      ChoiceRow{{"pt_BR"}, nullptr, "pt-BR", "pt-BR"},
-                      ChoiceRow{{"ja", "DE"}, nullptr, "de", "de"},  // first one the bundle has, any case
-                      ChoiceRow{{"ja"}, nullptr, "en", "en"},        // none: the default development region
-                      ChoiceRow{{"ja"}, "de", "de", "de"},           // none: the bundle's development region
-                      ChoiceRow{{"ja"}, "it", "it", "where"},  // a region without a folder: no table, the key
-                      ChoiceRow{{"fr"}, "de", "fr", "de"}    // chosen folder lacks the table: development region's
-                      ));
+    ::testing::Values(ChoiceRow{"BaseLanguageOfARegionalTag", {"de_DE.UTF-8"}, nullptr, "de", "de"},
+                      ChoiceRow{"ScriptNamedFolder", {"zh_CN.UTF-8"}, nullptr, "zh-Hans", "zh-Hans"},
+                      ChoiceRow{"LegacyUnderscoreFolder", {"zh_TW.UTF-8"}, nullptr, "zh_TW", "zh_TW"},
+                      ChoiceRow{"RegionalFolder", {"pt_BR"}, nullptr, "pt-BR", "pt-BR"},
+                      ChoiceRow{"FirstTheBundleHasInAnyCase", {"ja", "DE"}, nullptr, "de", "de"},
+                      ChoiceRow{"NoneFallsToEnglish", {"ja"}, nullptr, "en", "en"},
+                      ChoiceRow{"NoneFallsToTheDevelopmentRegion", {"ja"}, "de", "de", "de"},
+                      ChoiceRow{"RegionWithoutFolderAnswersTheKey", {"ja"}, "it", "it", "where"},
+                      ChoiceRow{"TableMissingInTheChosenFolder", {"fr"}, "de", "fr", "de"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(BundleTest, TablesFallBackToBaseThenTheTopFolderAndMissingKeysAnswerTheKeyOrValue) {
+TEST_F(BundleTest, TablesFallBackThroughBaseAndTheTopFolderAndMissingKeysAnswerTheKeyOrValue) {
     LocalizedBundle b;
+    writeTable(b.folder.path(), "de", "Localizable", {{"where", "default table"}});
     Bundle::setPreferredLanguages({"de"});
-    struct Row {
-        const char* key;
-        std::optional<std::string> value;
-        std::optional<std::string> table;
-        const char* expected;
-    };
-    const Row rows[] = {
-        {"where", std::nullopt, "BaseOnly", "Base"},
-        {"where", std::nullopt, "TopOnly", "top"},
-        {"where", std::nullopt, "Errors", "de"},
-        {"missing", std::nullopt, "Errors", "missing"},
-        {"missing", "", "Errors", "missing"},
-        {"missing", "fallback", "Errors", "fallback"},
-        {"where", "fallback", "NoSuchTable", "fallback"},
-        {"where", std::nullopt, "NoSuchTable", "where"},
-        {"where", std::nullopt, std::nullopt, "where"},  // "Localizable" is absent
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(b.bundle->localizedStringForKey(row.key, row.value, row.table), row.expected)
-            << row.key << " in " << row.table.value_or("(default)");
-
-    LocalizedBundle withDefault;
-    writeTable(withDefault.folder.path(), "de", "Localizable", {{"where", "default table"}});
-    EXPECT_EQ(withDefault.bundle->localizedStringForKey("where", std::nullopt, std::nullopt), "default table");
-    EXPECT_EQ(withDefault.bundle->localizedStringForKey("where", std::nullopt, ""), "default table");
+    const std::tuple<const char*, std::optional<std::string>, std::optional<std::string>, const char*> rows[] = {
+        {"where", std::nullopt, "BaseOnly", "Base"},       {"where", std::nullopt, "TopOnly", "top"},
+        {"where", std::nullopt, "Errors", "de"},           {"missing", std::nullopt, "Errors", "missing"},
+        {"missing", "", "Errors", "missing"},              {"missing", "fallback", "Errors", "fallback"},
+        {"where", "fallback", "NoSuchTable", "fallback"},  {"where", std::nullopt, "NoSuchTable", "where"},
+        {"where", std::nullopt, std::nullopt, "default table"}, {"where", std::nullopt, "", "default table"},
+        {"where", std::nullopt, "Broken", "en, as de's is unreadable"}};
+    for (const auto& [key, value, table, expected] : rows)
+        EXPECT_EQ(b.bundle->localizedStringForKey(key, value, table), expected) << key << " in " << table.value_or("-");
 }
 
-TEST_F(BundleTest, AnUnreadableTableIsSkippedForTheNextInTheChain) {
-    TempFolder folder;
-    krcommon::test::writeBytes(folder / "de.lproj/T.strings", "\"broken\" = ");
-    writeTable(folder.path(), "en", "T", {{"k", "english"}});
-    Bundle::setPreferredLanguages({"de"});
-    EXPECT_EQ(Bundle::bundleWithPath(folder.path())->localizedStringForKey("k", std::nullopt, "T"), "english");
-}
-
-TEST_F(BundleTest, BundlesAreKeptPerFolderAndReadTheirInfoPlist) {
-    TempFolder folder;
-    EXPECT_EQ(Bundle::bundleWithPath(folder / "absent"), nullptr);
-    krcommon::test::writeBytes(folder / "file", "x");
-    EXPECT_EQ(Bundle::bundleWithPath(folder / "file"), nullptr);
+TEST_F(BundleTest, BundlesAreKeptPerFolderAndReadTheirInfoPlistAndResources) {
+    LocalizedBundle b;
+    EXPECT_EQ(Bundle::bundleWithPath(b.folder / "absent"), nullptr);
+    EXPECT_EQ(Bundle::bundleWithPath(b.folder / "de.lproj/Errors.strings"), nullptr);  // a file
     EXPECT_EQ(Bundle::bundleWithPath(""), nullptr);
-
-    // A binary Info.plist, as build tools write it.
-    plist_t info = plist_new_dict();
-    plist_dict_set_item(info, "CFBundleIdentifier", plist_new_string("com.example.kit"));
-    plist_dict_set_item(info, "CFBundleVersion", plist_new_uint(7));
-    char* bytes = nullptr;
-    std::uint32_t length = 0;
-    plist_to_bin(info, &bytes, &length);
-    krcommon::test::writeBytes(folder / "Info.plist", std::string(bytes, length));
-    plist_to_bin_free(bytes);
-    plist_free(info);
-
-    auto bundle = Bundle::bundleWithPath(folder.path());
+    const auto bundle = Bundle::bundleWithPath(b.folder.path() + "/./x/..");
     ASSERT_NE(bundle, nullptr);
-    EXPECT_EQ(Bundle::bundleWithPath(folder.path() + "/"), bundle);
-    EXPECT_EQ(Bundle::bundleWithPath(folder.path() + "/./x/.."), bundle);
-    EXPECT_EQ(bundle->bundlePath(), folder.path());
+    EXPECT_EQ(bundle, b.bundle);
+    EXPECT_EQ(Bundle::bundleWithPath(b.folder.path() + "/"), bundle);
+    EXPECT_EQ(bundle->bundlePath(), b.folder.path());
     EXPECT_EQ(bundle->bundleIdentifier(), "com.example.kit");
     EXPECT_EQ(bundle->objectForInfoDictionaryKey("CFBundleVersion"), Value(7));
-    EXPECT_TRUE(bundle->objectForInfoDictionaryKey("Absent").isNil());
     EXPECT_EQ(bundle->developmentRegion(), "en");
-    EXPECT_EQ(bundle->description(), "NSBundle <" + folder.path() + "> (loaded)");
-    EXPECT_EQ(Value(bundle).description(), bundle->description());
-}
+    EXPECT_EQ(Value(bundle).description(), "NSBundle <" + b.folder.path() + "> (loaded)");
+    EXPECT_EQ(bundle->localizations(),
+              (std::vector<std::string>{"Base", "de", "en", "fr", "pt-BR", "zh-Hans", "zh_TW"}));
 
-TEST_F(BundleTest, MainBundleIsTheExecutableFolderWithTheHostsInfoDictionary) {
-    auto main = Bundle::mainBundle();
-    EXPECT_EQ(main, Bundle::mainBundle());
-    EXPECT_EQ(main->bundlePath(), std::filesystem::canonical("/proc/self/exe").parent_path().string());
-    EXPECT_EQ(Bundle::bundleWithPath(main->bundlePath()), main);
-
-    Bundle::setMainInfoDictionary(Dictionary{{"CFBundleIdentifier", "com.example.host"},
-                                             {"CFBundleDevelopmentRegion", "de"}});
-    EXPECT_EQ(main->bundleIdentifier(), "com.example.host");
-    EXPECT_EQ(main->developmentRegion(), "de");
-    Bundle::setMainInfoDictionary(Dictionary{{"CFBundleIdentifier", 42}});
-    EXPECT_EQ(main->bundleIdentifier(), std::nullopt) << "a non-string identifier is no identifier";
-}
-
-TEST_F(BundleTest, PathForResourceFollowsTheLookupChain) {
-    LocalizedBundle b;
     krcommon::test::writeBytes(b.folder / "Base.lproj/picture.png", "png");
     krcommon::test::writeBytes(b.folder / "de.lproj/picture.png", "png");
-    krcommon::test::writeBytes(b.folder / "README", "top");
     Bundle::setPreferredLanguages({"de"});
-    EXPECT_EQ(b.bundle->pathForResource("picture", "png"), b.folder / "de.lproj/picture.png");
+    EXPECT_EQ(bundle->pathForResource("picture", "png"), b.folder / "de.lproj/picture.png");
     Bundle::setPreferredLanguages({"en"});
-    EXPECT_EQ(b.bundle->pathForResource("picture", "png"), b.folder / "Base.lproj/picture.png");
-    EXPECT_EQ(b.bundle->pathForResource("README", ""), b.folder / "README");
-    EXPECT_EQ(b.bundle->pathForResource("absent", "png"), std::nullopt);
-    EXPECT_EQ(b.bundle->pathForResource("de", "lproj"), std::nullopt) << "folders are not resources";
-    EXPECT_EQ(b.bundle->localizations(),
-              (std::vector<std::string>{"Base", "de", "en", "fr", "pt-BR", "zh-Hans", "zh_TW"}));
-}
+    EXPECT_EQ(bundle->pathForResource("picture", "png"), b.folder / "Base.lproj/picture.png");
+    EXPECT_EQ(bundle->pathForResource("Info", "plist"), b.folder / "Info.plist");
+    EXPECT_EQ(bundle->pathForResource("absent", "png"), std::nullopt);
+    EXPECT_EQ(bundle->pathForResource("de", "lproj"), std::nullopt) << "folders are not resources";
 
-TEST_F(BundleTest, ConcurrentLookupsAgree) {
-    LocalizedBundle b;
-    Bundle::setPreferredLanguages({"zh-Hans"});
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 200; ++i) {
-                if (b.bundle->localizedStringForKey("where", std::nullopt, "Errors") != "zh-Hans") ++wrong;
-                if (b.bundle->localizedStringForKey("where", std::nullopt, "BaseOnly") != "Base") ++wrong;
-            }
-        });
-    }
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(wrong.load(), 0);
+    const auto main = Bundle::mainBundle();  // the executable's folder, with the host's info dictionary
+    EXPECT_EQ(main->bundlePath(), std::filesystem::canonical("/proc/self/exe").parent_path().string());
+    Bundle::setMainInfoDictionary(Dictionary{{"CFBundleIdentifier", 42}, {"CFBundleDevelopmentRegion", "de"}});
+    EXPECT_EQ(main->bundleIdentifier(), std::nullopt) << "a non-string identifier is no identifier";
+    EXPECT_EQ(main->developmentRegion(), "de");
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -26,17 +27,11 @@ namespace krcommon::test {
 enum class TableForm { UTF8Text, UTF8TextWithBOM, UTF16LEText, UTF16BEText, UTF16LETextNoBOM, XMLPlist, BinaryPlist };
 
 inline const char* tableFormName(TableForm form) {
-    switch (form) {
-        case TableForm::UTF8Text: return "UTF8Text";
-        case TableForm::UTF8TextWithBOM: return "UTF8TextWithBOM";
-        case TableForm::UTF16LEText: return "UTF16LEText";
-        case TableForm::UTF16BEText: return "UTF16BEText";
-        case TableForm::UTF16LETextNoBOM: return "UTF16LETextNoBOM";
-        case TableForm::XMLPlist: return "XMLPlist";
-        case TableForm::BinaryPlist: return "BinaryPlist";
-    }
-    return "?";
+    static constexpr const char* names[] = {"UTF8Text",         "UTF8TextWithBOM", "UTF16LEText", "UTF16BEText",
+                                            "UTF16LETextNoBOM", "XMLPlist",        "BinaryPlist"};
+    return names[static_cast<int>(form)];
 }
+inline void PrintTo(TableForm form, std::ostream* os) { *os << tableFormName(form); }  // gtest's name for a row
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
@@ -57,22 +52,13 @@ inline std::string convertWithIconv(const std::string& utf8, const char* to) {
 
 /// The text form of `entries`, quoting and escaping as a translator's tool writes it.
 inline std::string stringsText(const Entries& entries) {
+    const auto quote = [](const std::string& s) {
+        std::string q = "\"";
+        for (char c : s) q += c == '\n' ? std::string("\\n") : c == '"' || c == '\\' ? std::string{'\\', c} : std::string(1, c);
+        return q + "\"";
+    };
     std::string text = "/* Generated for a test */\n";
-    for (const auto& [key, value] : entries) {
-        auto quote = [](const std::string& s) {
-            std::string q = "\"";
-            for (char c : s) {
-                if (c == '"' || c == '\\') q.push_back('\\');
-                if (c == '\n') {
-                    q += "\\n";
-                    continue;
-                }
-                q.push_back(c);
-            }
-            return q + "\"";
-        };
-        text += quote(key) + " = " + quote(value) + ";\n";
-    }
+    for (const auto& [key, value] : entries) text += quote(key) + " = " + quote(value) + ";\n";
     return text;
 }
 
@@ -119,7 +105,7 @@ inline void writeTable(const std::string& bundle, const std::string& localizatio
     writeBytes(path + "/" + table + ".strings", encodeTable(form, entries));
 }
 
-/// Sets an environment variable for the lifetime of the object, then restores it.
+/// Sets an environment variable (nullptr: unsets it) for the lifetime of the object, then restores it.
 class ScopedEnv {
 public:
     ScopedEnv(const char* name, const char* value) : name_(name) {

@@ -22,4 +22,12 @@ private:
     std::string path_;
 };
 
+/// A checked-in file under tests/data/: from the source tree ctest names, or else the one the
+/// test program was built from (<source>/build/<preset>/tests/<program>).
+inline std::string dataPath(const std::string& relative) {
+    const char* root = std::getenv("KRCOMMON_TEST_SOURCE_DIR");
+    const auto source = root ? std::filesystem::path(root) : std::filesystem::canonical("/proc/self/exe").parent_path() / "../../..";
+    return (source / "tests/data" / relative).string();
+}
+
 }  // namespace krcommon::test

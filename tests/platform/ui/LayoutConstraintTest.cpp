@@ -26,13 +26,6 @@ std::shared_ptr<LayoutConstraint> rule(const std::shared_ptr<View>& item, A a, c
     return LayoutConstraint::constraintWithItem(item, a, to, b, m, c);
 }
 
-void expectFrame(const View& v, Rect expected) {
-    EXPECT_DOUBLE_EQ(v.frame().minX(), expected.minX());
-    EXPECT_DOUBLE_EQ(v.frame().minY(), expected.minY());
-    EXPECT_DOUBLE_EQ(v.frame().width(), expected.width());
-    EXPECT_DOUBLE_EQ(v.frame().height(), expected.height());
-}
-
 TEST(LayoutConstraint, SolvesEveryAttributeAgainstTheParentAndSiblings) {
     auto parent = std::make_shared<View>(Rect{50, 60, 400, 300});
     auto a = constrainedChild(parent);
@@ -48,9 +41,9 @@ TEST(LayoutConstraint, SolvesEveryAttributeAgainstTheParentAndSiblings) {
         rule(b, A::Bottom, parent, A::Bottom, 0.5, 0),      // bottom at half the parent's height
     });
     parent->layoutIfNeeded();
-    expectFrame(*a, {10, 20, 190, 95});
+    EXPECT_EQ(a->frame(), (Rect{10, 20, 190, 95}));
     // b: x 205, right 395; centre y 67.5, bottom 150 → height 165, top -15.
-    expectFrame(*b, {205, -15, 190, 165});
+    EXPECT_EQ(b->frame(), (Rect{205, -15, 190, 165}));
 }
 
 TEST(LayoutConstraint, KeepsFixedFramesAndUnsettledValuesAndDropsContradictions) {
@@ -68,8 +61,8 @@ TEST(LayoutConstraint, KeepsFixedFramesAndUnsettledValuesAndDropsContradictions)
         rule(fixed, A::Left, parent, A::Left, 1, 0),  // contradicts the fixed frame
     });
     parent->layoutIfNeeded();
-    expectFrame(*fixed, {7, 8, 30, 40});
-    expectFrame(*loose, {1, 50, 60, 4});  // x and height: nothing settles them
+    EXPECT_EQ(fixed->frame(), (Rect{7, 8, 30, 40}));
+    EXPECT_EQ(loose->frame(), (Rect{1, 50, 60, 4}));  // x and height: nothing settles them
     EXPECT_EQ(log.count("Unable to simultaneously satisfy constraints. Will attempt to recover by breaking constraint "
                         "<LayoutConstraint"),
               2u);
@@ -83,22 +76,22 @@ TEST(LayoutConstraint, ChangesTakeEffectAtTheNextLayoutPass) {
     parent->addConstraints({rule(child, A::Width, parent, A::Width, 1, 0), height,
                             rule(child, A::Bottom, parent, A::Bottom, 1, 0)});
     parent->layoutIfNeeded();
-    expectFrame(*child, {0, 70, 100, 30});
+    EXPECT_EQ(child->frame(), (Rect{0, 70, 100, 30}));
     EXPECT_TRUE(height->isActive());
 
     height->setConstant(50);  // marks the parent
     EXPECT_TRUE(parent->needsLayout());
     parent->layoutIfNeeded();
-    expectFrame(*child, {0, 50, 100, 50});
+    EXPECT_EQ(child->frame(), (Rect{0, 50, 100, 50}));
 
     parent->setFrame({0, 0, 200, 300});  // a new size: laid out again
     parent->layoutIfNeeded();
-    expectFrame(*child, {0, 250, 200, 50});
+    EXPECT_EQ(child->frame(), (Rect{0, 250, 200, 50}));
 
     parent->removeConstraint(height);
     EXPECT_FALSE(height->isActive());
     parent->layoutIfNeeded();
-    expectFrame(*child, {0, 250, 200, 50});  // the height keeps its value
+    EXPECT_EQ(child->frame(), (Rect{0, 250, 200, 50}));  // the height keeps its value
 
     // Removing the child takes the constraints that refer to it off the parent.
     child->removeFromSuperview();
@@ -122,15 +115,7 @@ TEST(LayoutConstraint, IgnoresRulesAboutViewsOutsideTheParentAndItsChildren) {
 TEST(LayoutConstraint, RefusesRulesThatCannotHold) {
     auto v = std::make_shared<View>();
     auto w = std::make_shared<View>();
-    struct Row {
-        std::shared_ptr<View> item;
-        A a;
-        std::shared_ptr<View> to;
-        A b;
-        double m;
-        double c;
-    };
-    const Row rows[] = {
+    const std::tuple<std::shared_ptr<View>, A, std::shared_ptr<View>, A, double, double> rows[] = {
         {nullptr, A::Width, nullptr, A::NotAnAttribute, 1, 1},
         {v, A::NotAnAttribute, w, A::Width, 1, 0},
         {v, A::Top, nullptr, A::NotAnAttribute, 1, 5},  // a position equal to a constant
@@ -142,10 +127,10 @@ TEST(LayoutConstraint, RefusesRulesThatCannotHold) {
         {v, A::Width, w, A::Width, std::numeric_limits<double>::infinity(), 0},
         {v, static_cast<A>(42), w, A::Width, 1, 0},
     };
-    for (const auto& row : rows) {
+    for (const auto& [item, a, to, b, m, c] : rows) {
         try {
-            LayoutConstraint::constraintWithItem(row.item, row.a, row.to, row.b, row.m, row.c);
-            ADD_FAILURE() << static_cast<int>(row.a) << " " << static_cast<int>(row.b);
+            LayoutConstraint::constraintWithItem(item, a, to, b, m, c);
+            ADD_FAILURE() << static_cast<int>(a) << " " << static_cast<int>(b);
         } catch (const Exception& e) {
             EXPECT_EQ(e.name(), "NSInvalidArgumentException");
         }

@@ -42,38 +42,31 @@ TEST(Renderer, DrawsBackgroundsCornersClippingHiddenAlphaAndScrolling) {
     for (const auto& v : {disc, clipper, hidden, faint, below}) root->addSubview(v);
 
     const auto render = [&](const char* name) {
-        const auto path = folder / name;
-        EXPECT_TRUE(Renderer::renderToPNG(*root, path, 2));
-        return std::make_unique<PngReader>(path);
+        EXPECT_TRUE(Renderer::renderToPNG(*root, folder / name, 2));
+        return std::make_unique<PngReader>(folder / name);
     };
-    {
-        const auto png = render("tree.png");
-        ASSERT_TRUE(png->ok());
-        ASSERT_EQ(png->width(), 120);
-        ASSERT_EQ(png->height(), 80);
-        const auto px = [&](double x, double y) { return png->at(static_cast<int>(x * 2), static_cast<int>(y * 2)); };
-        struct Probe {
-            double x, y;
-            int r, g, b;
-            const char* what;
-        };
-        const Probe probes[] = {
-            {10, 10, 255, 0, 0, "disc centre"},        {1, 1, 255, 255, 255, "disc corner, rounded off"},
-            {25, 5, 0, 0, 255, "clipper"},             {35, 15, 255, 0, 0, "clipped child inside"},
-            {35, 25, 255, 255, 255, "clipped child outside"}, {50, 10, 255, 255, 255, "hidden view"},
-            {50, 30, 128, 128, 128, "half-transparent black over white"},
-        };
-        for (const auto& p : probes) {
-            const Rgba c = px(p.x, p.y);
-            EXPECT_TRUE(near(c, p.r, p.g, p.b, 2)) << p.what << ": " << c.r << "," << c.g << "," << c.b << "," << c.a;
-        }
+    const auto png = render("tree.png");
+    ASSERT_TRUE(png->ok());
+    ASSERT_EQ(png->width(), 120);
+    ASSERT_EQ(png->height(), 80);
+    const struct {
+        int x, y;  // in points
+        int r, g, b;
+        const char* what;
+    } probes[] = {
+        {10, 10, 255, 0, 0, "disc centre"},       {1, 1, 255, 255, 255, "disc corner, rounded off"},
+        {25, 5, 0, 0, 255, "clipper"},            {35, 15, 255, 0, 0, "clipped child inside"},
+        {35, 25, 255, 255, 255, "clipped child outside"}, {50, 10, 255, 255, 255, "hidden view"},
+        {50, 30, 128, 128, 128, "half-transparent black over white"},
+    };
+    for (const auto& p : probes) {
+        const Rgba c = png->at(p.x * 2, p.y * 2);
+        EXPECT_TRUE(near(c, p.r, p.g, p.b, 2)) << p.what << ": " << c.r << "," << c.g << "," << c.b << "," << c.a;
     }
     root->setContentOffset({0, 30});
-    {
-        const auto png = render("scrolled.png");
-        EXPECT_TRUE(near(png->at(10, 50), 0, 0, 255)) << "content y 55 is shown at 25";
-        EXPECT_TRUE(near(png->at(20, 10), 255, 255, 255)) << "the disc scrolled away";
-    }
+    const auto scrolled = render("scrolled.png");
+    EXPECT_TRUE(near(scrolled->at(10, 50), 0, 0, 255)) << "content y 55 is shown at 25";
+    EXPECT_TRUE(near(scrolled->at(20, 10), 255, 255, 255)) << "the disc scrolled away";
 }
 
 TEST(Renderer, RefusesAViewWithoutArea) {
