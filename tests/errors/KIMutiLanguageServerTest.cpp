@@ -130,6 +130,7 @@ struct ChainRow {
     std::int64_t code;                    // for errorCode
     std::shared_ptr<Error> error;         // for httpError
     std::string byCode, byError;          // the two variants' answers
+    friend void PrintTo(const ChainRow& r, std::ostream* os) { *os << r.name; }
 };
 
 class KIMutiLanguageServerChains : public KIMutiLanguageServerTest, public ::testing::WithParamInterface<ChainRow> {};
@@ -168,8 +169,14 @@ INSTANTIATE_TEST_SUITE_P(
         ChainRow{"ErrorDescAfterEmptyDescription", Table::Full,
                  Value(Dictionary{{"error_description", ""}, {"errorDesc", "D"}}), 600, kE, "D", "E"},
         ChainRow{"EmptyErrorDescSkipsTheCode", Table::Full, Value(Dictionary{{"errorDesc", ""}}), 600, kE, "U", "E"},
-        ChainRow{"NullErrorDescIsAMessage", Table::Full, Value(Dictionary{{"errorDesc", Null{}}}), 600, kE, "<null>",
+        // A JSON null is an absent value: the chain goes on.
+        ChainRow{"NullErrorDescFallsThrough", Table::Full, Value(Dictionary{{"errorDesc", Null{}}}), 600, kE, "P", "E"},
+        ChainRow{"NullServerTextsFallThrough", Table::Full,
+                 Value(Dictionary{{"error", Null{}}, {"error_description", Null{}}, {"errorDesc", "D"}}), 600, kE, "D",
                  "E"},
+        ChainRow{"OnlyNullsUnconfigured", Table::None,
+                 Value(Dictionary{{"error", Null{}}, {"error_description", Null{}}, {"errorDesc", Null{}}}), 600,
+                 nullptr, "sdk unknow error", "sdk unknow error"},
         ChainRow{"CodeAfterEmptyDescription", Table::Full, Value(Dictionary{{"error_description", ""}}), 600, kE, "P",
                  "E"},
         ChainRow{"NonStringDescriptionIsPrinted", Table::Full, Value(Dictionary{{"error_description", 12}}), 600, kE,
