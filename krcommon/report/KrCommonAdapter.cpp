@@ -213,7 +213,8 @@ Array KrCommonAdapter::readQueueLocked(const std::string& path, std::string* las
     std::shared_ptr<platform::Error> error;
     std::optional<platform::Data> bytes = FileManager::contentsAtPath(path, &error);
     if (!bytes) {
-        if (error && error->code() != ENOENT) setAsideUnreadableQueue(path);
+        // A folder in the file's place holds no queue; it stays, and the write fails.
+        if (error && error->code() != ENOENT && error->code() != EISDIR) setAsideUnreadableQueue(path);
         return {};
     }
     // The file as this adapter last wrote it need not be parsed again.

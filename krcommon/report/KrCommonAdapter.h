@@ -92,8 +92,9 @@ public:
     /// decides: above fifty records the file is deleted and nothing is sent;
     /// from five on the batch is uploaded; below five the records wait. A queue
     /// file that cannot be read as an array counts as empty; it is first moved
-    /// aside (see unreadableSuffix) with a line naming the copy. Does not look
-    /// at the in-flight flag.
+    /// aside (see unreadableSuffix) with a line naming the copy (a folder in its
+    /// place is left alone, and the write then fails). Does not look at the
+    /// in-flight flag.
     void sendReportRequest(std::optional<platform::Array> repInfoList);
 
     /// Posts `body` as JSON to the account origin + "/loginstat". On success
@@ -169,7 +170,7 @@ private:
         return field;
     }
     /// The queue file's records; a file that is missing or not an array reads as none
-    /// (one that is there is first moved aside). When the file is still as this adapter
+    /// (a file that is there is first moved aside). When the file is still as this adapter
     /// last wrote it, its text moves to `lastWritten`.
     platform::Array readQueueLocked(const std::string& path, std::string* lastWritten);
     /// Renames the unreadable queue file at `path` to `path` + unreadableSuffix and logs it.
