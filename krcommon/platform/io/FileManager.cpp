@@ -124,9 +124,12 @@ int createLockedTemporary(const std::string& folder, std::string_view base, std:
         }
         // Between the create and the lock another writer's clean-up may have
         // taken the still unlocked file for a leftover and removed it; once
-        // locked and still linked, it is safe.
+        // locked and still linked, it is safe. On a file system without flock
+        // the file stays unlocked, and no clean-up can lock it either.
+        while (::flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+        }
         struct stat st {};
-        if (::flock(fd, LOCK_EX) == 0 && ::fstat(fd, &st) == 0 && st.st_nlink > 0) return fd;
+        if (::fstat(fd, &st) != 0 || st.st_nlink > 0) return fd;
         ::close(fd);
     }
     errno = EEXIST;
