@@ -1,7 +1,6 @@
 #include <krcommon/platform/app/StringsTable.h>
 
 #include <krcommon/platform/app/SystemLog.h>
-
 #include <krcommon/platform/io/FileManager.h>
 #include <krcommon/platform/io/PropertyList.h>
 #include <krcommon/platform/io/UTF8.h>
@@ -278,16 +277,12 @@ std::optional<StringsTable::Map> StringsTable::parse(std::string_view bytes) {
 namespace {
 
 // A broken table makes lookups fall back to another language or to the key;
-// the line says which file was skipped, once per file for the process's life.
-template <class... Args>
-void reportOnce(const std::string& path, std::string_view format, const Args&... args) {
-    static std::mutex mutex;
-    static auto* reported = new std::unordered_set<std::string>;  // usable during exit
-    {
-        std::lock_guard lock(mutex);
-        if (!reported->insert(path).second) return;
-    }
-    SystemLog::log(format, args...);
+// a line says which file was skipped, once per file for the process's life.
+bool firstReportOf(const std::string& path) {
+    static auto* mutex = new std::mutex;  // both usable during exit
+    static auto* reported = new std::unordered_set<std::string>;
+    std::lock_guard lock(*mutex);
+    return reported->insert(path).second;
 }
 
 }  // namespace
@@ -296,12 +291,12 @@ std::optional<StringsTable::Map> StringsTable::readFile(const std::string& path)
     std::shared_ptr<Error> error;
     auto bytes = FileManager::contentsAtPath(path, &error);
     if (!bytes) {
-        if (error && error->code() != ENOENT)
-            reportOnce(path, "[i18n] strings table %@ cannot be read, skipped: %@", path, error->localizedDescription());
+        if (error && error->code() != ENOENT && firstReportOf(path))
+            SystemLog::log("[i18n] strings table %@ cannot be read, skipped: %@", path, error->localizedDescription());
         return std::nullopt;
     }
     auto table = parse(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
-    if (!table) reportOnce(path, "[i18n] strings table %@ cannot be parsed, skipped", path);
+    if (!table && firstReportOf(path)) SystemLog::log("[i18n] strings table %@ cannot be parsed, skipped", path);
     return table;
 }
 
