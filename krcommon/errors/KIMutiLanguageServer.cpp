@@ -13,6 +13,13 @@ namespace {
 
 constexpr const char* lastResort = "sdk unknow error";
 
+// A server field as the lookup chain reads it: a JSON null is an absent value.
+const Value& field(const platform::Dictionary& answer, const char* key) {
+    static const Value absent;
+    const Value& value = answer[key];
+    return value.isNull() ? absent : value;
+}
+
 // What callers treat as "no message": nothing, or a string of length 0. A
 // server value of another kind counts as a message.
 bool isEmpty(const Value& message) {
@@ -30,8 +37,8 @@ std::string catchAll() { return local(UNKNOWNERROR).value_or(lastResort); }
 
 // The local text of the answer's "error" key, else its "error_description".
 Value serverMessage(const platform::Dictionary& answer) {
-    if (auto text = KIMutiLanguageServer::share().localizeWithKey(answer["error"])) return Value(std::move(*text));
-    return answer["error_description"];
+    if (auto text = KIMutiLanguageServer::share().localizeWithKey(field(answer, "error"))) return Value(std::move(*text));
+    return field(answer, "error_description");
 }
 
 }  // namespace
@@ -107,7 +114,8 @@ std::optional<std::string> KIMutiLanguageServer::localizeWithKey(const Value& ke
         bundle = currentBundle_;
         tableName = table_;
     }
-    if (!bundle || !tableName || key.isNil()) return std::nullopt;
+    // A null key (JSON null from a server) is no key.
+    if (!bundle || !tableName || key.isNil() || key.isNull()) return std::nullopt;
     const std::string fullKey = platform::format("kr_%@", key);
     std::optional<std::string> text = bundle->localizedStringForKey(fullKey, std::nullopt, tableName);
     // The bundle answers the key itself for a missing text.
@@ -135,7 +143,7 @@ std::string KIMutiLanguageServer::errorCode(const Value& responds, std::int64_t 
     }
     Value message = serverMessage(*answer);
     if (isEmpty(message)) {
-        const Value& errorDesc = (*answer)["errorDesc"];
+        const Value& errorDesc = field(*answer, "errorDesc");
         message = errorDesc.isNil() ? orNil(local(code)) : errorDesc;
     }
     if (isEmpty(message)) return catchAll();

@@ -51,8 +51,8 @@ public:
                               std::optional<std::string> language);
 
     /// The table's text under "kr_" + the key's description, or nullopt when
-    /// there is no bundle, table or key, or the table has no text for it (a
-    /// text equal to the full key counts as none).
+    /// there is no bundle, table or key (nil or the null object), or the table
+    /// has no text for it (a text equal to the full key counts as none).
     [[nodiscard]] std::optional<std::string> localizeWithKey(const platform::Value& key) const;
 
     /// The text for `key`, else the text for the message key that `errorCode`
@@ -65,14 +65,16 @@ public:
     /// "error_description", its "errorDesc" (when present, even empty), the
     /// local text of `code`; for any other answer the local text of
     /// `code`. Then the local text of UNKNOWNERROR, then "sdk unknow error".
-    /// Server values that are not strings are given as their description.
+    /// Server values that are not strings are given as their description; a
+    /// JSON null in any of the three fields counts as absent.
     [[nodiscard]] static std::string errorCode(const platform::Value& responds, std::int64_t code);
 
     /// The message for a server answer and a failed request's error, never
     /// absent. From a dictionary answer, in order: the local text of its
     /// "error", its "error_description"; then, for any answer, the error's
     /// localised description when there is an error (even an empty one), else
-    /// the local text of UNKNOWNERROR, else "sdk unknow error".
+    /// the local text of UNKNOWNERROR, else "sdk unknow error". A JSON null in
+    /// either field counts as absent.
     [[nodiscard]] static std::string httpError(const platform::Value& responds,
                                                const std::shared_ptr<platform::Error>& error);
 

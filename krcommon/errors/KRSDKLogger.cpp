@@ -65,6 +65,9 @@ void KRSDKLogger::logv(std::string_view file, std::string_view /*function*/, std
     constexpr std::string_view arrow = "]=>";
     out.append(arrow.data(), arrow.data() + arrow.size());
     platform::vformatTo(out, format, args);
+    // The write is the last step under the lock, so lines keep the order of
+    // their calls; the lock goes as soon as the sink returns (which may be
+    // after a wait, when stderr is a full pipe).
     platform::SystemLog::write(std::string_view(out.data(), out.size()));
 }
 

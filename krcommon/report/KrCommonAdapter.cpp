@@ -12,6 +12,7 @@
 #include <krcommon/report/KRReportParam.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstring>
@@ -166,10 +167,8 @@ std::optional<Value> KrCommonAdapter::persistLocked(Array records) {
                                                       ? std::optional<std::string>(LibraryFilePath(statisticsFileName))
                                                       : documentFilePath(statisticsFileName);
     std::optional<Array> legacy;
-    if (legacyPath && FileManager::fileExistsAtPath(*legacyPath)) {
-        legacy = readRecordArray(*legacyPath);
-        (void)FileManager::removeItemAtPath(*legacyPath);
-    }
+    const bool legacyFound = legacyPath && FileManager::fileExistsAtPath(*legacyPath);
+    if (legacyFound) legacy = readRecordArray(*legacyPath);
 
     const std::string queuePath = statisInfoFilePathName();
     std::string lastWritten;
@@ -187,12 +186,16 @@ std::optional<Value> KrCommonAdapter::persistLocked(Array records) {
     if (!lastWritten.empty())
         text = platform::PropertyList::appendToXMLArray(std::move(lastWritten), std::span(queue).subspan(stored));
     if (!text) text = platform::PropertyList::writeXML(queueValue);
-    if (text && FileManager::writeAtomically(queuePath, *text)) {
+    const bool written = text && FileManager::writeAtomically(queuePath, *text);
+    if (written) {
         queueCache_ = QueueCache{std::move(*text), queue};
     } else {
         queueCache_.reset();
         SystemLog::log("writeToFile is fail ");
     }
+    // The legacy file goes only once its records are on disk in the queue
+    // file: a crash or a full disk before that keeps it for the next merge.
+    if (legacyFound && written) (void)FileManager::removeItemAtPath(*legacyPath);
 
     if (queue.size() > static_cast<std::uint64_t>(reportStatisMax)) {
         (void)removeFileWithPath(queuePath);
@@ -207,8 +210,13 @@ std::optional<Value> KrCommonAdapter::persistLocked(Array records) {
 }
 
 Array KrCommonAdapter::readQueueLocked(const std::string& path, std::string* lastWritten) {
-    std::optional<platform::Data> bytes = FileManager::contentsAtPath(path);
-    if (!bytes) return {};
+    std::shared_ptr<platform::Error> error;
+    std::optional<platform::Data> bytes = FileManager::contentsAtPath(path, &error);
+    if (!bytes) {
+        // A folder in the file's place holds no queue; it stays, and the write fails.
+        if (error && error->code() != ENOENT && error->code() != EISDIR) setAsideUnreadableQueue(path);
+        return {};
+    }
     // The file as this adapter last wrote it need not be parsed again.
     if (queueCache_ && bytes->size() == queueCache_->bytes.size() &&
         std::memcmp(bytes->data(), queueCache_->bytes.data(), bytes->size()) == 0) {
@@ -219,7 +227,19 @@ Array KrCommonAdapter::readQueueLocked(const std::string& path, std::string* las
     }
     std::optional<Value> list = platform::PropertyList::parse(*bytes);
     if (list && list->array()) return std::move(*list->array());
+    setAsideUnreadableQueue(path);
     return {};
+}
+
+void KrCommonAdapter::setAsideUnreadableQueue(const std::string& path) {
+    // What the file held is kept for a person to look at; the queue starts afresh.
+    const std::string aside = path + unreadableSuffix;
+    std::shared_ptr<platform::Error> error;
+    (void)FileManager::removeItemAtPath(aside);
+    if (FileManager::moveItemAtPath(path, aside, &error))
+        SystemLog::log("statistics queue file cannot be read, moved aside to %@", aside);
+    else
+        SystemLog::log("statistics queue file cannot be read and cannot be moved aside to %@, error=%@", aside, error);
 }
 
 Value KrCommonAdapter::batchBodyLocked(Array queue) const {

@@ -41,6 +41,10 @@ public:
     static constexpr const char* statisticsFileName = "statisticsInfoList";
     /// Folder under Library holding the queue file (and the whitelist).
     static constexpr const char* storageFolderName = "kr_sdks_kvstorage";
+    /// Appended to the queue file's name for the copy of a queue file that
+    /// could not be read ("statisticsInfoList.unreadable"); the newest replaces
+    /// any older one.
+    static constexpr const char* unreadableSuffix = ".unreadable";
 
     /// The shared adapter, made on first use; it lives until the process ends.
     static const std::shared_ptr<KrCommonAdapter>& instance();
@@ -82,11 +86,15 @@ public:
     /// "repInfoList is nil....".
     void reportRequestStatInfo(const platform::Value& record);
 
-    /// Merges the queue file, `repInfoList` and the legacy file (in that order,
-    /// deleting the legacy file), writes the result to the queue file
-    /// atomically and then decides: above fifty records the file is deleted and
-    /// nothing is sent; from five on the batch is uploaded; below five the
-    /// records wait. Does not look at the in-flight flag.
+    /// Merges the queue file, `repInfoList` and the legacy file (in that order),
+    /// writes the result to the queue file atomically, deletes the legacy file
+    /// once that write has succeeded (a failed write keeps it), and then
+    /// decides: above fifty records the file is deleted and nothing is sent;
+    /// from five on the batch is uploaded; below five the records wait. A queue
+    /// file that cannot be read as an array counts as empty; it is first moved
+    /// aside (see unreadableSuffix) with a line naming the copy (a folder in its
+    /// place is left alone, and the write then fails). Does not look at the
+    /// in-flight flag.
     void sendReportRequest(std::optional<platform::Array> repInfoList);
 
     /// Posts `body` as JSON to the account origin + "/loginstat". On success
@@ -161,9 +169,12 @@ private:
         std::lock_guard lock(mutex_);
         return field;
     }
-    /// The queue file's records; a file that is missing or not an array reads as none.
-    /// When the file is still as this adapter last wrote it, its text moves to `lastWritten`.
+    /// The queue file's records; a file that is missing or not an array reads as none
+    /// (a file that is there is first moved aside). When the file is still as this adapter
+    /// last wrote it, its text moves to `lastWritten`.
     platform::Array readQueueLocked(const std::string& path, std::string* lastWritten);
+    /// Renames the unreadable queue file at `path` to `path` + unreadableSuffix and logs it.
+    static void setAsideUnreadableQueue(const std::string& path);
 
     // The queue file as this adapter last wrote it, with its records, so that
     // the next record need not parse it again. Checked against the file's

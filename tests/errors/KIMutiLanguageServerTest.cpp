@@ -35,6 +35,8 @@ TEST_F(KIMutiLanguageServerTest, PreferTheServerThenLocalTextsThenTheLastResort)
         // Before configuration no local text exists.
         {"ServerDescription", nullptr, grant, 600, e, "T", "T"},
         {"EmptyAnswer", nullptr, Dictionary{}, 600, nullptr, last, last},
+        {"OnlyNulls", nullptr, Dictionary{{"error", Null{}}, {"error_description", Null{}}, {"errorDesc", Null{}}}, 600,
+         nullptr, last, last},
         {"NoAnswer", nullptr, Value(), 600, e, last, "E"},
         {"ErrorDesc", nullptr, Dictionary{{"errorDesc", "D"}}, 600, nullptr, "D", last},
         {"LocalTextOfServerKey", "KRErrors", grant, 600, e, "G", "G"},
@@ -45,7 +47,10 @@ TEST_F(KIMutiLanguageServerTest, PreferTheServerThenLocalTextsThenTheLastResort)
         {"ErrorDescAfterEmptyDescription", "KRErrors", Dictionary{{"error_description", ""}, {"errorDesc", "D"}}, 600,
          e, "D", "E"},
         {"EmptyErrorDescSkipsTheCode", "KRErrors", Dictionary{{"errorDesc", ""}}, 600, e, "U", "E"},
-        {"NullErrorDesc", "KRErrors", Dictionary{{"errorDesc", Null{}}}, 600, e, "<null>", "E"},
+        // A JSON null is an absent value: the chain goes on.
+        {"NullErrorDesc", "KRErrors", Dictionary{{"errorDesc", Null{}}}, 600, e, "P", "E"},
+        {"NullServerTexts", "KRErrors", Dictionary{{"error", Null{}}, {"error_description", Null{}}, {"errorDesc", "D"}},
+         600, e, "D", "E"},
         {"CodeAfterEmptyDescription", "KRErrors", Dictionary{{"error_description", ""}}, 600, e, "P", "E"},
         {"NumericDescription", "KRErrors", Dictionary{{"error_description", 12}}, 600, e, "12", "12"},
         // Then the catch-all text, then the literal; an empty description is answered as it is.

@@ -1,10 +1,14 @@
 #include <krcommon/platform/app/StringsTable.h>
 
+#include <krcommon/platform/app/SystemLog.h>
 #include <krcommon/platform/io/FileManager.h>
 #include <krcommon/platform/io/PropertyList.h>
 #include <krcommon/platform/io/UTF8.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <mutex>
+#include <unordered_set>
 
 namespace krcommon::platform {
 
@@ -270,10 +274,30 @@ std::optional<StringsTable::Map> StringsTable::parse(std::string_view bytes) {
     return TextParser(*text).parse();
 }
 
+namespace {
+
+// A broken table makes lookups fall back to another language or to the key;
+// a line says which file was skipped, once per file for the process's life.
+bool firstReportOf(const std::string& path) {
+    static auto* mutex = new std::mutex;  // both usable during exit
+    static auto* reported = new std::unordered_set<std::string>;
+    std::lock_guard lock(*mutex);
+    return reported->insert(path).second;
+}
+
+}  // namespace
+
 std::optional<StringsTable::Map> StringsTable::readFile(const std::string& path) {
-    auto bytes = FileManager::contentsAtPath(path);
-    if (!bytes) return std::nullopt;
-    return parse(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
+    std::shared_ptr<Error> error;
+    auto bytes = FileManager::contentsAtPath(path, &error);
+    if (!bytes) {
+        if (error && error->code() != ENOENT && firstReportOf(path))
+            SystemLog::log("[i18n] strings table %@ cannot be read, skipped: %@", path, error->localizedDescription());
+        return std::nullopt;
+    }
+    auto table = parse(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
+    if (!table && firstReportOf(path)) SystemLog::log("[i18n] strings table %@ cannot be parsed, skipped", path);
+    return table;
 }
 
 }  // namespace krcommon::platform

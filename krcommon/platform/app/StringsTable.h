@@ -38,7 +38,9 @@ public:
     /// property list, entries whose value is not a string are left out.
     static std::optional<Map> parse(std::string_view bytes);
 
-    /// Reads and parses the file at `path`; nullopt when it cannot be read or parsed.
+    /// Reads and parses the file at `path`; nullopt when it is missing or
+    /// cannot be read or parsed. A file that exists but cannot be read or
+    /// parsed is named on the system log, once per path in the process.
     static std::optional<Map> readFile(const std::string& path);
 };
 

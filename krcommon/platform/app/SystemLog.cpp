@@ -58,11 +58,12 @@ void StderrLogSink::write(std::string_view line) {
                    program_invocation_short_name, static_cast<long>(::getpid()), tid);
     out.append(line.data(), line.data() + line.size());
     out.push_back('\n');
+    std::lock_guard lock(mutex_);
     (void)posix::writeFully(fd_, std::string_view(out.data(), out.size()));  // nowhere left to report a failing log
 }
 
 FileLogSink::FileLogSink(const std::string& path)
-    : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644)) {}
+    : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)) {}
 
 FileLogSink::~FileLogSink() {
     if (fd_ >= 0) ::close(fd_);

@@ -9,6 +9,7 @@
 #include <krcommon/platform/core/Format.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -23,22 +24,29 @@ public:
 };
 
 /// Writes "YYYY-MM-DD hh:mm:ss.mmm program[pid:tid] line\n" to a file descriptor
-/// (stderr by default) with a single write(2) per line.
+/// (stderr by default), each line whole: one write(2) when the descriptor takes
+/// it all, and otherwise the rest of that line before any other line of this
+/// sink. A non-blocking descriptor that is full (a pipe with a slow reader) is
+/// waited on with poll(2), so no line is dropped or cut.
 class KRCOMMON_EXPORT StderrLogSink final : public LogSink {
 public:
-    /// Writes to `fd`, which stays the caller's: the sink never closes it. Failed writes are ignored.
+    /// Writes to `fd`, which stays the caller's: the sink never closes it.
+    /// Failed writes (the reader gone) are ignored.
     explicit StderrLogSink(int fd = 2) noexcept : fd_(fd) {}
     void write(std::string_view line) override;
 
 private:
     int fd_;
+    std::mutex mutex_;  // keeps a line that needs several writes together
 };
 
 /// Appends each line and a line feed to a file opened with O_APPEND, one
 /// write(2) per line, so nothing is held back in a buffer when the process dies.
 class KRCOMMON_EXPORT FileLogSink final : public LogSink {
 public:
-    /// Opens (creating) `path`; `isOpen()` tells whether that worked.
+    /// Opens (creating) `path`; `isOpen()` tells whether that worked. A new
+    /// file gets mode 0600 (less the umask): the log holds request and response
+    /// bodies. An existing file keeps its mode.
     explicit FileLogSink(const std::string& path);
     ~FileLogSink() override;
     FileLogSink(const FileLogSink&) = delete;

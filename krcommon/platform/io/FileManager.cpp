@@ -2,7 +2,9 @@
 
 #include <krcommon/platform/io/PosixIO.h>
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +18,12 @@
 namespace krcommon::platform {
 
 namespace {
+
+// The library's files hold the app's private data: readable by their owner only.
+constexpr mode_t fileMode = 0600;
+constexpr mode_t folderMode = 0700;
+constexpr std::string_view temporarySuffix = ".tmp";
+constexpr std::size_t temporaryHexDigits = 12;
 
 // Records an error for `path` when the caller asked for one; always answers false.
 bool fail(std::shared_ptr<Error>* error, int code, const std::string& path, const char* action) {
@@ -60,6 +68,7 @@ std::string temporarySibling(const std::string& folder, std::string_view base) {
     x *= 0xBF58476D1CE4E5B9ULL;
     x ^= x >> 29;
     char suffix[24];
+    static_assert(temporaryHexDigits == 12 && temporarySuffix == ".tmp", "keep the name and its pattern together");
     std::snprintf(suffix, sizeof suffix, ".%012llx.tmp", static_cast<unsigned long long>(x & 0xFFFFFFFFFFFFULL));
     std::string name = folder;
     if (name.back() != '/') name.push_back('/');
@@ -69,8 +78,66 @@ std::string temporarySibling(const std::string& folder, std::string_view base) {
     return name;
 }
 
+// Whether `name` has the shape temporarySibling() gives: "." + base + "." +
+// twelve lowercase hex digits + ".tmp", with a base of at least one character.
+bool isTemporaryName(std::string_view name) {
+    const std::size_t tail = 1 + temporaryHexDigits + temporarySuffix.size();
+    if (name.size() < 2 + tail || name.front() != '.' || !name.ends_with(temporarySuffix)) return false;
+    const std::string_view hex = name.substr(name.size() - tail + 1, temporaryHexDigits);
+    return name[name.size() - tail] == '.' &&
+           hex.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+// Removes the temporary files that writers killed before their rename left in
+// `folder`. A live writer holds an exclusive flock on its temporary file from
+// creation to rename, and the kernel drops the lock when its process dies: a
+// temporary file this process can lock has no writer left. Best effort: a
+// folder that cannot be listed, or a file that cannot be opened, is left alone.
+void removeStaleTemporaries(const std::string& folder) {
+    DIR* dir = ::opendir(folder.c_str());
+    if (!dir) return;
+    const int dirFd = ::dirfd(dir);
+    while (const dirent* entry = ::readdir(dir)) {
+        if (!isTemporaryName(entry->d_name)) continue;
+        const int fd = ::openat(dirFd, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) continue;
+        struct stat opened {};
+        struct stat named {};
+        if (::fstat(fd, &opened) == 0 && S_ISREG(opened.st_mode) && ::flock(fd, LOCK_EX | LOCK_NB) == 0 &&
+            ::fstatat(dirFd, entry->d_name, &named, AT_SYMLINK_NOFOLLOW) == 0 && named.st_ino == opened.st_ino &&
+            named.st_dev == opened.st_dev)
+            ::unlinkat(dirFd, entry->d_name, 0);
+        ::close(fd);
+    }
+    ::closedir(dir);
+}
+
+// Creates and locks a fresh temporary file beside `base` in `folder`; -1 with
+// errno set when none could be made.
+int createLockedTemporary(const std::string& folder, std::string_view base, std::string& temporary) {
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        temporary = temporarySibling(folder, base);
+        const int fd = openRetrying(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL, fileMode);
+        if (fd < 0) {
+            if (errno == EEXIST) continue;
+            return -1;
+        }
+        // Between the create and the lock another writer's clean-up may have
+        // taken the still unlocked file for a leftover and removed it; once
+        // locked and still linked, it is safe. On a file system without flock
+        // the file stays unlocked, and no clean-up can lock it either.
+        while (::flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+        }
+        struct stat st {};
+        if (::fstat(fd, &st) != 0 || st.st_nlink > 0) return fd;
+        ::close(fd);
+    }
+    errno = EEXIST;
+    return -1;
+}
+
 bool writeInPlace(const std::string& path, std::string_view bytes, std::shared_ptr<Error>* error) {
-    const int fd = openRetrying(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    const int fd = openRetrying(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, fileMode);
     if (fd < 0) return fail(error, errno, path, "write");
     int code = posix::writeFully(fd, bytes);
     const int closed = closeChecked(fd);
@@ -94,15 +161,15 @@ bool FileManager::createDirectoryAtPath(const std::string& path, bool withInterm
     const char* action = "create the directory";
     if (path.empty()) return fail(error, ENOENT, path, action);
     if (!withIntermediateDirectories) {
-        return ::mkdir(path.c_str(), 0777) == 0 || fail(error, errno, path, action);
+        return ::mkdir(path.c_str(), folderMode) == 0 || fail(error, errno, path, action);
     }
     // Each missing ancestor in turn; one that exists as a file makes the next step fail with ENOTDIR.
     for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
         if (path[slash - 1] == '/') continue;
         const std::string ancestor = path.substr(0, slash);
-        if (::mkdir(ancestor.c_str(), 0777) != 0 && errno != EEXIST) return fail(error, errno, ancestor, action);
+        if (::mkdir(ancestor.c_str(), folderMode) != 0 && errno != EEXIST) return fail(error, errno, ancestor, action);
     }
-    if (::mkdir(path.c_str(), 0777) == 0) return true;
+    if (::mkdir(path.c_str(), folderMode) == 0) return true;
     const int code = errno;
     if (code == EEXIST && isDirectory(path)) return true;
     return fail(error, code, path, action);
@@ -181,24 +248,19 @@ bool FileManager::writeAtomically(const std::string& path, std::string_view byte
                                                              : std::string_view(path).substr(slash + 1);
     if (base.empty()) return fail(error, path.empty() ? ENOENT : EISDIR, path, action);
 
+    removeStaleTemporaries(folder);
     std::string temporary;
-    int fd = -1;
-    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
-        temporary = temporarySibling(folder, base);
-        fd = openRetrying(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
-        if (fd < 0 && errno != EEXIST) return fail(error, errno, path, action);
-    }
-    if (fd < 0) return fail(error, EEXIST, path, action);
+    const int fd = createLockedTemporary(folder, base, temporary);
+    if (fd < 0) return fail(error, errno, path, action);
 
+    // The descriptor, and with it the lock, is kept until the rename is done.
     int code = posix::writeFully(fd, bytes);
     if (code == 0 && ::fsync(fd) != 0) code = errno;
-    const int closed = closeChecked(fd);
-    if (code == 0) code = closed;
     if (code == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) code = errno;
-    if (code != 0) {
-        ::unlink(temporary.c_str());
-        return fail(error, code, path, action);
-    }
+    if (code != 0) ::unlink(temporary.c_str());
+    // After a successful fsync a failing close loses nothing.
+    (void)closeChecked(fd);
+    if (code != 0) return fail(error, code, path, action);
 
     // The rename is durable only once the folder's entry is on disk too. File
     // systems that cannot sync a directory say EINVAL; nothing more can be done there.

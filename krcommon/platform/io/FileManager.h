@@ -28,10 +28,11 @@ public:
     /// As above, also telling whether it is a directory (when `isDirectory` is not null).
     static bool fileExistsAtPath(const std::string& path, bool* isDirectory);
 
-    /// Creates the directory `path` (mode 0777 less the umask). With
-    /// intermediate directories, missing parents are created too and an existing
-    /// directory counts as success; without, the parent must exist and `path`
-    /// must not.
+    /// Creates the directory `path` with mode 0700 (less the umask): the
+    /// library's folders hold the app's private data. With intermediate
+    /// directories, missing parents are created too (also 0700) and an existing
+    /// directory counts as success, whatever its mode; without, the parent must
+    /// exist and `path` must not.
     static bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
                                       std::shared_ptr<Error>* error = nullptr);
 
@@ -49,8 +50,16 @@ public:
 
     /// Replaces the file at `path` with `bytes` so that a crash at any moment
     /// leaves either the old file or the new one: the bytes go to a temporary
-    /// file in the same folder, which is flushed to disk and renamed over `path`,
-    /// and then the folder is flushed. The file gets mode 0666 less the umask.
+    /// file in the same folder (".<name>.<12 hex digits>.tmp"), which is flushed
+    /// to disk and renamed over `path`, and then the folder is flushed.
+    ///
+    /// The file is the library's own: it gets mode 0600 (less the umask) and
+    /// the writing user as owner, also when it replaces an existing file of
+    /// another mode. A write that a crash interrupted leaves its temporary file
+    /// behind; the next atomic write into the same folder removes every such
+    /// leftover. A writer holds an advisory lock (flock) on its temporary file
+    /// until the rename, and only unlocked ones are removed, so a concurrent
+    /// writer in this or another process never loses its file.
     static bool writeAtomically(const std::string& path, std::string_view bytes,
                                 std::shared_ptr<Error>* error = nullptr);
     static bool writeAtomically(const std::string& path, const Data& bytes, std::shared_ptr<Error>* error = nullptr) {
@@ -58,7 +67,8 @@ public:
     }
 
     /// Writes `bytes` to `path`, atomically as writeAtomically() does, or else by
-    /// truncating and rewriting the file in place.
+    /// truncating and rewriting the file in place (an existing file keeps its
+    /// mode and owner; a new one gets mode 0600 less the umask).
     static bool writeToFile(const std::string& path, std::string_view bytes, bool atomically,
                             std::shared_ptr<Error>* error = nullptr);
     static bool writeToFile(const std::string& path, const Data& bytes, bool atomically,

@@ -527,20 +527,26 @@ private:
         out += '\n';
     }
 
-    // Only the three characters markup needs are escaped.
+    // The three characters markup needs are escaped, and the carriage return:
+    // XML readers turn a literal CR LF into LF and a lone CR into LF, but keep
+    // the character reference.
+    static bool needsEscape(char c) { return c == '&' || c == '<' || c == '>' || c == '\r'; }
+    static std::string_view escapeOf(char c) {
+        return c == '&' ? "&amp;"sv : c == '<' ? "&lt;"sv : c == '>' ? "&gt;"sv : "&#13;"sv;
+    }
     void escaped(std::string_view text) {
         std::size_t from = 0;
         std::size_t i = 0;
-        while (i < text.size() && text[i] != '&' && text[i] != '<' && text[i] != '>') ++i;
+        while (i < text.size() && !needsEscape(text[i])) ++i;
         if (i == text.size()) {  // the usual case: nothing to escape
             out += text;
             return;
         }
         for (; i < text.size(); ++i) {
             const char c = text[i];
-            if (c != '&' && c != '<' && c != '>') continue;
+            if (!needsEscape(c)) continue;
             out.append(text.data() + from, i - from);
-            out += c == '&' ? "&amp;"sv : c == '<' ? "&lt;"sv : "&gt;"sv;
+            out += escapeOf(c);
             from = i + 1;
         }
         out.append(text.data() + from, text.size() - from);

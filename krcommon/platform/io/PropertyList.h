@@ -44,7 +44,9 @@ public:
     /// booleans, dates (years 1 to 9999, written to the second) and data, at any
     /// level. Nil, the null object, platform objects, strings with a NUL
     /// character or invalid UTF-8 and nesting deeper than maximumDepth are not
-    /// representable: the answer is nullopt and `error` (3851) says why.
+    /// representable: the answer is nullopt and `error` (3851) says why. A
+    /// carriage return in a string or key is written as the character reference
+    /// "&#13;", which XML readers keep (a literal one they turn into a line feed).
     static std::optional<std::string> writeXML(const Value& value, std::shared_ptr<Error>* error = nullptr);
 
     /// `document`, as writeXML wrote it for a top-level array, with `items`

@@ -1,5 +1,7 @@
 #include <krcommon/platform/io/SearchPaths.h>
 
+#include <krcommon/platform/app/SystemLog.h>
+
 #include <pwd.h>
 #include <unistd.h>
 
@@ -94,6 +96,14 @@ std::string SearchPaths::bundleIdentifier() {
 }
 
 void SearchPaths::setBundleIdentifier(std::string identifier) {
+    // The identifier names one folder of the data home; one that would name
+    // another place ("..", a path) is refused.
+    constexpr std::string_view separators("/\0", 2);
+    if (identifier == "." || identifier == ".." || identifier.find_first_of(separators) != std::string::npos) {
+        SystemLog::log("bundle identifier \"%@\" cannot name a folder of the data home, the default is used",
+                       identifier);
+        identifier.clear();
+    }
     auto& s = settings();
     std::lock_guard lock(s.mutex);
     s.identifier = std::move(identifier);

@@ -28,7 +28,10 @@ public:
     /// The identifier naming the app's folder under the XDG data home. Until
     /// set, the base name of the running executable. Thread-safe.
     static std::string bundleIdentifier();
-    /// Replaces the bundle identifier; an empty one restores the default.
+    /// Replaces the bundle identifier; an empty one restores the default. One
+    /// that is not a plain folder name (holding "/" or a NUL character, or
+    /// equal to "." or "..") is refused with a line on the system log, and the
+    /// default is used.
     static void setBundleIdentifier(std::string identifier);
 };
 
