@@ -53,3 +53,12 @@ install: build
 
 clean:
 	rm -rf build
+
+# Debian packages (libkrcommon1 and libkrcommon-dev) in build/package, from a release
+# build for /usr with the logger's build-time debug switch off.
+.PHONY: package
+package: deps
+	cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DKRCOMMON_DEBUG_LOG=OFF -DKRCOMMON_BUILD_TESTS=OFF -DKRCOMMON_BUILD_EXAMPLES=OFF
+	cmake --build build/package -j $(JOBS)
+	cd build/package && cpack -G DEB

@@ -3,13 +3,10 @@
 // --account-host), configures the module as an app does at start, reports
 // statistics until a batch uploads, sends a user-action report, uploads a file,
 // meets an expired sign-in, renders the web error page, and prints what
-// happened at each step.
+// happened at each step. The exit status is 0 when every step succeeded, 1 when
+// one failed and 2 for bad options.
 //
-//   krcommon-demo [--account-host HOST[:PORT]] [--home DIR] [--language en|zh-Hans]
-//                 [--verbose] [--check]
-//
-// --check makes the exit status say whether every step succeeded (and, with the
-// embedded service, whether it received the batch of five records).
+//   krcommon-demo [--account-host HOST[:PORT]] [--home DIR] [--language TAG] [--verbose]
 
 #include <krcommon/krcommon.h>
 #include <krcommon/platform/io/FileManager.h>
@@ -23,10 +20,12 @@
 #include <cctype>
 #include <chrono>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 using namespace krcommon;
@@ -37,34 +36,101 @@ using platform::Value;
 
 namespace {
 
+constexpr const char* usage =
+    "usage: krcommon-demo [--account-host HOST[:PORT]] [--home DIR] [--language TAG] [--verbose]\n"
+    "  --account-host  run the steps against this deployment instead of the embedded service\n"
+    "  --home          the data home (default: a fresh folder beside the program)\n"
+    "  --language      the strings table's language, e.g. en or zh-Hans (the default)\n"
+    "  --verbose       also print every line the module logs\n";
+
 struct Options {
     std::optional<std::string> accountHost;
     std::optional<std::string> home;
     std::string language = "zh-Hans";
     bool verbose = false;
-    bool check = false;
+    bool help = false;
 };
 
-std::optional<Options> parse(int argc, char** argv) {
+// HOST[:PORT] as a host dictionary names it: something "https://HOST[:PORT]/" parses to.
+bool isHost(const std::string& text) {
+    if (text.empty() || text.find_first_of("/?#@") != std::string::npos) return false;
+    const auto url = platform::URL::URLWithString("https://" + text + "/");
+    return url && url->host() && !url->host()->empty();
+}
+
+// The options, or the reason they cannot be used.
+std::optional<Options> parse(int argc, char** argv, std::string& problem) {
     Options options;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        auto next = [&]() -> std::optional<std::string> {
-            if (i + 1 < argc) return std::string(argv[++i]);
+        const bool takesValue = arg == "--account-host" || arg == "--home" || arg == "--language";
+        if (takesValue && i + 1 == argc) {
+            problem = arg + " needs a value";
             return std::nullopt;
-        };
-        if (arg == "--account-host") options.accountHost = next();
-        else if (arg == "--home") options.home = next();
-        else if (arg == "--language") options.language = next().value_or("");
-        else if (arg == "--verbose") options.verbose = true;
-        else if (arg == "--check") options.check = true;
-        else return std::nullopt;
-        if ((arg == "--account-host" && !options.accountHost) || (arg == "--home" && !options.home) ||
-            options.language.empty())
+        }
+        if (arg == "--help" || arg == "-h") {
+            options.help = true;
+        } else if (arg == "--verbose") {
+            options.verbose = true;
+        } else if (arg == "--account-host") {
+            options.accountHost = argv[++i];
+            if (!isHost(*options.accountHost)) {
+                problem = "\"" + *options.accountHost + "\" is not a HOST[:PORT]";
+                return std::nullopt;
+            }
+        } else if (arg == "--home") {
+            options.home = argv[++i];
+            if (options.home->empty()) {
+                problem = "--home needs a folder";
+                return std::nullopt;
+            }
+        } else if (arg == "--language") {
+            options.language = argv[++i];
+            if (!platform::Bundle::languageTag(options.language)) {
+                problem = "\"" + options.language + "\" names no language";
+                return std::nullopt;
+            }
+        } else {
+            problem = "unknown option " + arg;
             return std::nullopt;
+        }
     }
     return options;
 }
+
+// "domain code: description", what a failed step shows of its error.
+std::string describe(const std::shared_ptr<platform::Error>& error) {
+    if (!error) return "no error given";
+    return error->domain() + " " + std::to_string(error->code()) + ": " + error->localizedDescription();
+}
+
+// The summary's short form of a failed request's outcome.
+std::string shortly(const std::shared_ptr<platform::Error>& error) {
+    return error ? "failed: " + error->domain() + " " + std::to_string(error->code()) : "failed: no answer";
+}
+
+// The adapter's manager, which also keeps the last transport error of its
+// requests: the adapter itself only logs that an upload failed, not why.
+class RecordingManager final : public KRSDKMemberHttpManager {
+public:
+    void didCompleteWithError(const std::shared_ptr<platform::URLSession>& session,
+                              const std::shared_ptr<platform::URLSessionTask>& task,
+                              const std::shared_ptr<platform::Error>& error) override {
+        if (error) {
+            std::lock_guard lock(mutex_);
+            lastError_ = error;
+        }
+        KRSDKMemberHttpManager::didCompleteWithError(session, task, error);
+    }
+    std::shared_ptr<platform::Error> lastError() {
+        std::lock_guard lock(mutex_);
+        return lastError_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::shared_ptr<platform::Error> lastError_;
+};
 
 // The host's log sink: every line of the module goes to a file in the data
 // home, is kept for the demo to look at, and is echoed with --verbose.
@@ -77,12 +143,12 @@ public:
         std::lock_guard lock(mutex_);
         lines_.emplace_back(line);
     }
-    /// Whether a line holding `fragment` has been written.
-    bool contains(const std::string& fragment) {
+    /// How many lines holding `fragment` have been written.
+    std::size_t count(const std::string& fragment) {
         std::lock_guard lock(mutex_);
-        for (const auto& line : lines_)
-            if (line.find(fragment) != std::string::npos) return true;
-        return false;
+        return static_cast<std::size_t>(std::count_if(lines_.begin(), lines_.end(), [&](const std::string& line) {
+            return line.find(fragment) != std::string::npos;
+        }));
     }
     /// The first line holding `fragment`, waiting on the main queue up to `seconds`.
     std::optional<std::string> await(const std::string& fragment, double seconds) {
@@ -147,6 +213,16 @@ std::string compact(const Value& value) {
     return value.description();
 }
 
+// Prints what came back: the body when there is one, and the error of a failure.
+void printOutcome(const Outcome& outcome) {
+    if (!outcome.done) {
+        std::printf("  no answer in 30 s\n");
+        return;
+    }
+    if (!outcome.object.isNil()) std::printf("  answer: %s\n", compact(outcome.object).c_str());
+    if (!outcome.succeeded) std::printf("  error: %s\n", describe(outcome.error).c_str());
+}
+
 std::size_t queuedRecords() {
     auto list = platform::PropertyList::readFile(KrCommonAdapter::statisInfoFilePathName());
     return list && list->array() ? list->array()->size() : 0;
@@ -167,24 +243,35 @@ std::string percentDecoded(std::string_view text) {
     return out;
 }
 
+// The share of the picture's square, as rendered at `scale`, that is not the page's
+// white: the drawn picture covers most of it, a missing one none.
+double pictureCoverage(const platform::Image& page, const platform::Rect& frame, double scale) {
+    const int x0 = static_cast<int>(frame.minX() * scale), y0 = static_cast<int>(frame.minY() * scale);
+    const int x1 = static_cast<int>(frame.maxX() * scale), y1 = static_cast<int>(frame.maxY() * scale);
+    std::size_t drawn = 0, all = 0;
+    for (int y = y0; y < y1; ++y) {
+        for (int x = x0; x < x1; ++x, ++all) {
+            const auto p = page.pixelAt(x, y);
+            if (p.alpha != 0 && (p.red < 250 || p.green < 250 || p.blue < 250)) ++drawn;
+        }
+    }
+    return all == 0 ? 0 : static_cast<double>(drawn) / static_cast<double>(all);
+}
+
 void heading(int number, const char* title) { std::printf("\n[%d] %s\n", number, title); }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    const auto options = parse(argc, argv);
-    if (!options) {
-        std::fprintf(stderr,
-                     "usage: %s [--account-host HOST[:PORT]] [--home DIR] [--language en|zh-Hans] [--verbose] "
-                     "[--check]\n",
-                     argv[0]);
+int run(const Options& options) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    const fs::path exeFolder = fs::canonical("/proc/self/exe").parent_path();
+    const fs::path home = options.home ? fs::absolute(*options.home) : exeFolder / "demo-home";
+    if (!options.home) fs::remove_all(home, error);  // a fresh home on every run
+    fs::create_directories(home, error);
+    if (error || !fs::is_directory(home)) {
+        std::fprintf(stderr, "krcommon-demo: cannot use %s as the data home: %s\n", home.c_str(),
+                     error ? error.message().c_str() : "not a folder");
         return 2;
     }
-    namespace fs = std::filesystem;
-    const fs::path exeFolder = fs::canonical("/proc/self/exe").parent_path();
-    const fs::path home = options->home ? fs::absolute(*options->home) : exeFolder / "demo-home";
-    if (!options->home) fs::remove_all(home);  // a fresh home on every run
-    fs::create_directories(home);
 
     // What an app container provides: the data home and the app's own identity.
     platform::SearchPaths::setApplicationHome(home.string());
@@ -192,7 +279,7 @@ int main(int argc, char** argv) {
     platform::Bundle::setMainInfoDictionary(Dictionary{{"CFBundleIdentifier", "com.example.krdemo"},
                                                        {"CFBundleDisplayName", "KR Demo"},
                                                        {"CFBundleShortVersionString", "2.4.0"}});
-    auto log = std::make_shared<DemoLog>((home / "krcommon.log").string(), options->verbose);
+    auto log = std::make_shared<DemoLog>((home / "krcommon.log").string(), options.verbose);
     platform::SystemLog::setSink(log);
 
     std::printf("krcommon %.1f demo: the common base module, used the way a host app uses it\n",
@@ -207,8 +294,8 @@ int main(int argc, char** argv) {
     std::string host;
     {
         Clock clock;
-        if (options->accountHost) {
-            host = *options->accountHost;
+        if (options.accountHost) {
+            host = *options.accountHost;
             std::printf("  using the deployment at https://%s\n", host.c_str());
         } else {
             service = std::make_unique<demo::AccountService>();
@@ -219,7 +306,8 @@ int main(int argc, char** argv) {
         steps.push_back({"account service", service ? "start on 127.0.0.1" : "none (real deployment)",
                          "https://" + host, clock.elapsedMs(), true});
     }
-    const std::string hostName = host.substr(0, host.rfind(':') == std::string::npos ? host.size() : host.rfind(':'));
+    const auto hostURL = platform::URL::URLWithString("https://" + host + "/");
+    const std::string hostName = hostURL->host().value_or(host);
 
     // ---- 2. The whitelist, as the SDK's other modules write it.
     heading(2, "Server whitelist");
@@ -231,23 +319,27 @@ int main(int argc, char** argv) {
         const bool ok = platform::FileManager::createDirectoryAtPath(fs::path(path).parent_path().string(), true) &&
                         platform::PropertyList::writeFile(path, whitelist, true);
         std::printf("  %s\n  loginSrvIpList = %s\n", path.c_str(), entries.c_str());
+        if (!ok) std::printf("  cannot write it (see the module log)\n");
         steps.push_back({"whitelist", hostName + " as https", ok ? "written" : "not written", clock.elapsedMs(), ok});
     }
 
     // ---- 3. What a host does at start.
     heading(3, "Host configuration");
     auto adapter = KrCommonAdapter::instance();
+    auto statisticsManager = std::make_shared<RecordingManager>();
     {
         Clock clock;
         KIHostService::service().updateHostServers(Value(Dictionary{{key_for_accountHost, host}}));
+        statisticsManager->operationQueue()->setMaxConcurrentOperationCount(-1);  // as the adapter's own
+        adapter->setHttpManager(statisticsManager);
         adapter->setLoginBaseInfo(Value(Dictionary{{"businessType", 1024},
                                                    {"protocolVersion", "200"},
                                                    {"clientVersion", "2.4.0"},
                                                    {"sdkVersion", "1.0.0"},
                                                    {"deviceId", "demo-device-0001"}}));
-        platform::Bundle::setPreferredLanguages({options->language});
+        platform::Bundle::setPreferredLanguages({options.language});
         auto strings = platform::Bundle::bundleWithPath(KRDEMO_RESOURCES);
-        KIMutiLanguageServer::share().configi18nWithBundle(strings, "KRDemo", options->language);
+        KIMutiLanguageServer::share().configi18nWithBundle(strings, "KRDemo", options.language);
         KRSDKLogger::enableDebugLog(true);
         auto& page = MM404H5Manager::sharedManager();
         page.setRefreshButtonBackgroundColor(KRSDKUtility::colorWith("#FF6A00"));
@@ -257,54 +349,92 @@ int main(int argc, char** argv) {
         std::printf("  account origin: %s\n  base information: business type %lld, device demo-device-0001\n"
                     "  strings: %s/<language>.lproj/KRDemo.strings, language %s\n",
                     origin.c_str(), static_cast<long long>(adapter->businessType()), KRDEMO_RESOURCES,
-                    options->language.c_str());
+                    options.language.c_str());
+        const std::string chosen = strings ? strings->preferredLocalization() : "";
+        if (strings && chosen != *platform::Bundle::languageTag(options.language))
+            std::printf("  no strings table in \"%s\": falling back to \"%s\" (have: %s)\n", options.language.c_str(),
+                        chosen.c_str(), compact(Value([&] {
+                                             Array names;
+                                             for (const auto& name : strings->localizations()) names.emplace_back(name);
+                                             return names;
+                                         }()))
+                                            .c_str());
         const bool ok = strings != nullptr && origin == "https://" + host;
         steps.push_back({"host configuration", "hosts, base info, strings, debug log, page colours", origin,
                          clock.elapsedMs(), ok});
     }
     const std::string origin = KIHostService::service().login_main_url_noCore();
 
-    // ---- 4. Statistics, until a batch uploads.
+    // ---- 4. Statistics, until a batch uploads. Each record's fate is read from what
+    // the library did: the queue file, the batch flag and its "is reporting...." line.
     heading(4, "Statistics");
     {
         Clock clock;
+        std::size_t batchRecords = 0;
+        const std::size_t waiting = queuedRecords();
+        if (waiting > 0) std::printf("  the queue file already holds %zu records from an earlier run\n", waiting);
         for (int i = 1; i <= 5; ++i) {
+            const bool wasReporting = adapter->reporting();
+            const std::size_t before = queuedRecords();
+            const std::size_t dropsBefore = log->count("is reporting....");
             adapter->reportRequestStatInfo(Value(Dictionary{{"event", "login"},
                                                             {"seq", i},
                                                             {"result", i == 3 ? "fail" : "success"},
                                                             {"costMs", 120 + 17 * i}}));
-            if (i < 5) std::printf("  record %d queued; the queue file holds %zu\n", i, queuedRecords());
+            const std::size_t after = queuedRecords();
+            if (log->count("is reporting....") > dropsBefore) {
+                std::printf("  record %d dropped: a batch was in flight\n", i);
+            } else if (!wasReporting && adapter->reporting()) {
+                batchRecords = after;
+                std::printf("  record %d queued; the queue (%zu records) went up as one batch\n", i, after);
+            } else if (after == 0 && before > 0) {
+                std::printf("  record %d queued; the queue passed fifty records and was discarded\n", i);
+            } else {
+                std::printf("  record %d queued; the queue file holds %zu\n", i, after);
+            }
         }
-        std::printf("  record 5 queued; %s\n", adapter->reporting() ? "a batch is uploading" : "no upload started");
-        const bool finished = MainQueue::runUntil([&] { return !adapter->reporting(); }, 30);
-        const bool failed = log->contains("report statistics fail next time retry...");
-        const bool fileGone = !platform::FileManager::fileExistsAtPath(KrCommonAdapter::statisInfoFilePathName());
-        std::string back = finished ? (failed ? "upload failed, queue kept" : "uploaded, queue file deleted")
-                                    : "no answer in 30 s";
-        std::size_t batchSize = 0;
-        if (service) {
-            for (const auto& request : service->requests()) {
-                if (request.path != demo::AccountService::statisticsPath) continue;
-                auto body = platform::JSONSerialization::parse(request.body);
-                if (!body || !body->dictionary()) continue;
-                std::printf("  the service received POST %s with:\n", request.path.c_str());
-                for (const auto& [key, value] : *body->dictionary()) {
-                    if (key == "statList") {
-                        batchSize = value.array() ? value.array()->size() : 0;
-                        std::printf("    %-16s %zu records, seq", key.c_str(), batchSize);
-                        if (value.array())
-                            for (const auto& r : *value.array()) std::printf(" %s", r["seq"].description().c_str());
-                        std::printf("\n");
-                    } else {
-                        std::printf("    %-16s %s\n", key.c_str(), value.description().c_str());
+        bool ok = false;
+        std::string back = "no batch went up";
+        if (batchRecords > 0) {
+            const bool finished = MainQueue::runUntil([&] { return !adapter->reporting(); }, 30);
+            const bool failed = log->count("report statistics fail next time retry...") > 0;
+            const bool fileGone =
+                !platform::FileManager::fileExistsAtPath(KrCommonAdapter::statisInfoFilePathName());
+            std::size_t received = 0;
+            if (service) {
+                for (const auto& request : service->requests()) {
+                    if (request.path != demo::AccountService::statisticsPath) continue;
+                    auto body = platform::JSONSerialization::parse(request.body);
+                    if (!body || !body->dictionary()) continue;
+                    std::printf("  the service received POST %s with:\n", request.path.c_str());
+                    for (const auto& [key, value] : *body->dictionary()) {
+                        if (key == "statList") {
+                            received = value.array() ? value.array()->size() : 0;
+                            std::printf("    %-16s %zu records, seq", key.c_str(), received);
+                            if (value.array())
+                                for (const auto& r : *value.array()) std::printf(" %s", r["seq"].description().c_str());
+                            std::printf("\n");
+                        } else {
+                            std::printf("    %-16s %s\n", key.c_str(), value.description().c_str());
+                        }
                     }
                 }
             }
-            back = "batch of " + std::to_string(batchSize) + " received; " + back;
+            if (!finished) {
+                back = "no answer in 30 s";
+            } else if (failed) {
+                back = statisticsManager->lastError() ? shortly(statisticsManager->lastError()) + ", queue kept"
+                                                      : "upload failed, queue kept";
+                std::printf("  upload failed: %s\n  the records stay queued for the next batch\n",
+                            statisticsManager->lastError() ? describe(statisticsManager->lastError()).c_str()
+                                                           : "the service refused it");
+            } else {
+                back = "batch of " + std::to_string(batchRecords) + " uploaded";
+            }
+            std::printf("  queue file after: %s\n", fileGone ? "deleted" : "still there");
+            ok = finished && !failed && fileGone && (!service || received == batchRecords);
         }
-        std::printf("  queue file after: %s\n", fileGone ? "deleted" : "still there");
-        steps.push_back({"statistics batch", "5 records, POST /loginstat", back, clock.elapsedMs(),
-                         finished && !failed && fileGone && (!service || batchSize == 5)});
+        steps.push_back({"statistics batch", "5 records, POST /loginstat", back, clock.elapsedMs(), ok});
     }
 
     // ---- 5. A user-action report.
@@ -324,7 +454,10 @@ int main(int argc, char** argv) {
         // The JSON text holds quotes, which a URL may not, so the manager
         // encodes the whole query once more; decoding twice gives it back.
         if (!extdata.empty()) std::printf("  extdata: %s\n", percentDecoded(extdata).c_str());
-        std::printf("  %s\n", ok ? "logged: [info][reportActionInfo]=success" : "no success logged in 30 s");
+        // The line's first part: the outcome, and for a failure the error's domain, code and text.
+        std::printf("  logged: %s\n",
+                    line ? line->substr(0, std::min(line->find('\n'), line->find(" UserInfo="))).c_str()
+                         : "nothing in 30 s");
         steps.push_back({"user-action report", "GET /kruserstat login/tap_login_button",
                          ok ? "200, logged as success" : "failed", clock.elapsedMs(), ok});
     }
@@ -339,15 +472,16 @@ int main(int argc, char** argv) {
         auto [success, failure] = into(outcome);
         manager->uploadData(origin + demo::AccountService::uploadPath, Value(Dictionary{{"uid", "10001"}}),
                             platform::Data(text.begin(), text.end()), "avatar", success, failure);
-        const bool answered = await(outcome);
-        std::printf("  answer: %s\n", answered ? compact(outcome->object).c_str() : "none in 30 s");
+        await(outcome);
+        printOutcome(*outcome);
         if (service)
             for (const auto& request : service->requests())
                 if (request.path == demo::AccountService::uploadPath)
                     std::printf("  the service parsed %zu parts from %s\n", request.parts.size(),
                                 request.contentType.substr(0, 30).c_str());
-        steps.push_back({"multipart upload", "uid + 24-byte file", answered && outcome->succeeded ? "200" : "failed",
-                         clock.elapsedMs(), answered && outcome->succeeded});
+        const bool ok = outcome->done && outcome->succeeded;
+        steps.push_back(
+            {"multipart upload", "uid + 24-byte file", ok ? "200" : shortly(outcome->error), clock.elapsedMs(), ok});
     }
 
     heading(7, "Expired sign-in");
@@ -361,15 +495,15 @@ int main(int argc, char** argv) {
         manager->POST(origin + demo::AccountService::tokenPath, Value(),
                       Value(Dictionary{{"grant_type", "refresh_token"}, {"refresh_token", "expired-token"}}),
                       std::nullopt, true, success, failure);
-        const bool answered = await(outcome);
+        await(outcome);
         platform::NotificationCenter::defaultCenter().removeObserver(token);
+        printOutcome(*outcome);
         const std::string message = KIMutiLanguageServer::httpError(outcome->object, outcome->error);
-        std::printf("  answer: %s\n  %s posted: %s\n  message for the user (%s): %s\n",
-                    answered ? compact(outcome->object).c_str() : "none in 30 s",
-                    SDK_INVALID_GRANT_NOTIFICATION_NAME, notified ? "yes" : "no", options->language.c_str(),
-                    message.c_str());
-        const bool ok = answered && !outcome->succeeded && notified;
-        steps.push_back({"expired sign-in", "POST /v1/auth/token", ok ? "401 invalid_grant, notified" : "unexpected",
+        std::printf("  %s posted: %s\n  message for the user (%s): %s\n", SDK_INVALID_GRANT_NOTIFICATION_NAME,
+                    notified ? "yes" : "no", options.language.c_str(), message.c_str());
+        const bool ok = outcome->done && !outcome->succeeded && notified;
+        steps.push_back({"expired sign-in", "POST /v1/auth/token",
+                         ok ? "401 invalid_grant, notified" : notified ? "notified, no failure" : shortly(outcome->error),
                          clock.elapsedMs(), ok});
     }
 
@@ -378,11 +512,17 @@ int main(int argc, char** argv) {
     {
         Clock clock;
         const fs::path png = home / "mm404-page.png";
+        constexpr double scale = 2;
         auto page = MM404H5View::initWithFrame({{0, 0}, {375, 667}});
-        page->layoutIfNeeded();
-        const bool ok = platform::Renderer::renderToPNG(*page, png, 2);
-        std::printf("  %s (375 x 667 points at scale 2)\n", ok ? png.c_str() : "rendering failed");
-        steps.push_back({"error page", "375 x 667 @2x", ok ? "mm404-page.png" : "failed", clock.elapsedMs(), ok});
+        const auto image = platform::Renderer::renderImage(*page, scale);
+        const bool written = image && image->writeToFile(png);
+        const double coverage = image ? pictureCoverage(*image, page->mm404ImageView()->frame(), scale) : 0;
+        const bool pictured = coverage > 0.5;
+        std::printf("  %s (375 x 667 points at scale 2)\n", written ? png.c_str() : "rendering failed");
+        std::printf("  picture: %s (%.0f %% of its square drawn)\n", pictured ? "drawn" : "MISSING", coverage * 100);
+        steps.push_back({"error page", "375 x 667 @2x",
+                         !written ? "failed" : pictured ? "mm404-page.png" : "mm404-page.png, no picture",
+                         clock.elapsedMs(), written && pictured});
     }
 
     // ---- Summary.
@@ -396,5 +536,30 @@ int main(int argc, char** argv) {
     std::printf("\n%s: %zu of %zu steps succeeded\n", allOk ? "demo passed" : "demo failed",
                 static_cast<std::size_t>(std::count_if(steps.begin(), steps.end(), [](const Step& s) { return s.ok; })),
                 steps.size());
-    return options->check && !allOk ? 1 : 0;
+    platform::SystemLog::setSink(nullptr);
+    return allOk ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Line by line, so that a pipe or a file gets every line as it is printed.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    std::string problem;
+    const auto options = parse(argc, argv, problem);
+    if (!options) {
+        std::fprintf(stderr, "krcommon-demo: %s (--help shows the options)\n", problem.c_str());
+        return 2;
+    }
+    if (options->help) {
+        std::fputs(usage, stdout);
+        return 0;
+    }
+    try {
+        return run(*options);
+    } catch (const std::exception& e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "krcommon-demo: %s\n", e.what());
+        return 1;
+    }
 }

@@ -7,6 +7,8 @@ set -euo pipefail
 packages=(
   # build
   build-essential cmake ninja-build pkg-config
+  # Debian packages (make package): dpkg-shlibdeps computes their dependencies, on files `file` finds
+  dpkg-dev file
   # runtime libraries
   libcurl4-openssl-dev libssl-dev openssl libplist-dev rapidjson-dev libfmt-dev
   libcairo2-dev libpango1.0-dev libpng-dev zlib1g-dev fonts-noto-cjk

@@ -125,7 +125,7 @@ void MM404H5View::addConstraintToCustomViews() {
 void MM404H5View::updateCustomViewContent() {
     setBackgroundColor(Color::whiteColor());
 
-    mm404ImageView()->setImage(platform::Image::imageNamed("mm404Image", platform::ModuleResources::directory()));
+    mm404ImageView()->setImage(platform::ModuleResources::imageNamed("mm404Image"));
 
     AttributedString title("网络无法连接");
     title.addAttribute(AttributeName::Font, Font::boldSystemFontOfSize(20), {0, title.length()});

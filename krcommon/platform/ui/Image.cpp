@@ -168,6 +168,15 @@ std::shared_ptr<Image> Image::imageWithData(const Data& png, double scale) {
 }
 
 std::shared_ptr<Image> Image::imageNamed(std::string_view name, const std::filesystem::path& directory) {
+    return imageNamed(name, [&directory](const std::string& file) -> std::optional<Data> {
+        const auto path = directory / file;
+        if (!FileManager::fileExistsAtPath(path.string())) return std::nullopt;
+        return FileManager::contentsAtPath(path.string());
+    });
+}
+
+std::shared_ptr<Image> Image::imageNamed(std::string_view name,
+                                         const std::function<std::optional<Data>(const std::string&)>& read) {
     std::string base(name);
     if (base.size() > 4 && base.compare(base.size() - 4, 4, ".png") == 0) base.resize(base.size() - 4);
     if (base.empty()) return nullptr;
@@ -179,8 +188,8 @@ std::shared_ptr<Image> Image::imageNamed(std::string_view name, const std::files
         if (s != preferred) candidates.push_back(base + "@" + std::to_string(s) + "x.png");
     }
     for (const auto& file : candidates) {
-        if (FileManager::fileExistsAtPath((directory / file).string())) {
-            if (auto image = imageWithContentsOfFile(directory / file)) return image;
+        if (auto bytes = read(file)) {
+            if (auto image = imageWithData(*bytes, scaleFromFileName(file))) return image;
         }
     }
     return nullptr;

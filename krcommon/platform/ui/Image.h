@@ -10,7 +10,10 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -38,6 +41,10 @@ public:
     /// screen scale first ("name@2x.png"), then the other scales and the plain "name.png".
     /// `name` may carry its own ".png". nullptr when none is found.
     static std::shared_ptr<Image> imageNamed(std::string_view name, const std::filesystem::path& directory);
+    /// As above, with each candidate file ("name@2x.png") read through `read`, which answers
+    /// its bytes or nullopt: for pictures that live somewhere other than a folder.
+    static std::shared_ptr<Image> imageNamed(std::string_view name,
+                                             const std::function<std::optional<Data>(const std::string&)>& read);
 
     /// The size in points: the pixel size divided by the scale.
     [[nodiscard]] Size size() const noexcept { return {width_ / scale_, height_ / scale_}; }

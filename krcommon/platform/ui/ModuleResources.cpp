@@ -1,8 +1,14 @@
 #include <krcommon/platform/ui/ModuleResources.h>
 
+#include <krcommon/platform/app/SystemLog.h>
+#include <krcommon/platform/core/Format.h>
+
 #include <dlfcn.h>
 
 #include <cstdlib>
+#include <mutex>
+#include <set>
+#include <string>
 #include <system_error>
 #include <vector>
 
@@ -20,10 +26,15 @@ std::filesystem::path loadedFrom() {
     return ignored ? std::filesystem::path(info.dli_fname) : path;
 }
 
+const char* overrideFolder() {
+    const char* folder = std::getenv("KRCOMMON_RESOURCES");
+    return folder && *folder ? folder : nullptr;
+}
+
 }  // namespace
 
 std::filesystem::path ModuleResources::directory() {
-    if (const char* override = std::getenv("KRCOMMON_RESOURCES"); override && *override) return override;
+    if (const char* folder = overrideFolder()) return folder;
     std::vector<std::filesystem::path> candidates;
     const auto folder = loadedFrom().parent_path();
     if (!folder.empty()) {
@@ -35,6 +46,31 @@ std::filesystem::path ModuleResources::directory() {
         if (std::filesystem::is_directory(candidate, ignored)) return candidate;
     }
     return candidates.empty() ? std::filesystem::path("/usr/local/share/krcommon") : candidates.front();
+}
+
+std::shared_ptr<Image> ModuleResources::imageNamed(std::string_view name) {
+    const bool overridden = overrideFolder() != nullptr;
+    const auto folder = directory();
+    auto image = Image::imageNamed(name, folder);
+    if (!image && !overridden) {
+        image = Image::imageNamed(name, [](const std::string& fileName) -> std::optional<Data> {
+            const auto bytes = builtIn(fileName);
+            if (bytes.empty()) return std::nullopt;
+            return Data(bytes.begin(), bytes.end());
+        });
+    }
+    if (!image) {
+        // The page asks again at every layout pass: one line for each picture and
+        // place, not one per pass.
+        static std::mutex mutex;
+        static std::set<std::string> told;
+        const std::string line = format(overridden ? "krcommon: no picture \"%@\" in %@ ($KRCOMMON_RESOURCES)"
+                                                   : "krcommon: no picture \"%@\" in %@ nor in the library",
+                                        std::string(name), folder.string());
+        std::lock_guard lock(mutex);
+        if (told.insert(line).second) SystemLog::log("%@", line);
+    }
+    return image;
 }
 
 }  // namespace krcommon::platform
