@@ -6,6 +6,7 @@
 #include "support/LogCapture.h"
 #include "support/TempAppHome.h"
 #include "support/TestServer.h"
+#include "platform/io/TempFolder.h"
 
 #include <krcommon/platform/io/FileManager.h>
 #include <krcommon/platform/io/PropertyList.h>
@@ -295,6 +296,26 @@ TEST(URLSessionEngineTest, ASlowDelegateQueuePausesItsTransferInsteadOfBuffering
     EXPECT_EQ(watcher->errors[task->taskIdentifier()], 0);
     EXPECT_EQ(task->countOfBytesReceived(), static_cast<std::int64_t>(total));
     EXPECT_EQ(watcher->checksums[task->taskIdentifier()], expected);
+}
+
+// The system's anchors come from its hashed certificate folder, read as chains need them.
+TEST(URLSessionEngineTest, TheSystemCertificateFolderVouchesForServers) {
+    auto server = helloServer(TestServer::https(TestCertificates::shared().server));
+    test::TempFolder folder;
+    const auto* authority = TestCertificates::shared().authority.certificate.get();
+    char hashed[16];
+    std::snprintf(hashed, sizeof hashed, "%08lx.0", X509_subject_name_hash(const_cast<X509*>(authority)));
+    ASSERT_TRUE(FileManager::writeAtomically(folder.path() + "/" + hashed, test::toPEM(const_cast<X509*>(authority))));
+    ::setenv("SSL_CERT_DIR", folder.path().c_str(), 1);
+    auto watcher = std::make_shared<Watcher>();
+    auto session = URLSession::sessionWithConfiguration(nullptr, watcher);  // no extra anchors
+    auto task = session->dataTaskWithRequest(requestFor(server->origin("https") + "/hello"));
+    task->resume();
+    const bool completed = watcher->waitFor(1);
+    ::unsetenv("SSL_CERT_DIR");
+    ASSERT_TRUE(completed);
+    EXPECT_EQ(watcher->errors[task->taskIdentifier()], 0);
+    EXPECT_TRUE(watcher->unanswered.empty());
 }
 
 // Wildcards stand for one whole leftmost label; a partial one matches nothing.

@@ -161,6 +161,7 @@ SessionCore::~SessionCore() {
     idle_.clear();
     if (multi_) curl_multi_cleanup(multi_);
     for (X509* anchor : anchors_) X509_free(anchor);
+    if (trustStore_) X509_STORE_free(trustStore_);
 }
 
 void SessionCore::start(std::shared_ptr<URLSessionTask> task) {
@@ -590,12 +591,13 @@ void SessionCore::flushData(Transfer& t) {
     t.pendingData = Data();
 }
 
-bool SessionCore::addAnchors(SSL_CTX* context) const {
+bool SessionCore::prepareTLS(SSL_CTX* context) {
     if (!anchorsValid_) return false;
-    if (anchors_.empty()) return true;
-    X509_STORE* store = SSL_CTX_get_cert_store(context);
-    for (X509* anchor : anchors_) X509_STORE_add_cert(store, anchor);  // duplicates are refused, harmlessly
-    ERR_clear_error();
+    // One store per session, made once: loading the system's bundle for every connection
+    // would hold up every transfer of the process for a tenth of a second each time.
+    if (!trustStore_) trustStore_ = makeTrustStore(anchors_);
+    if (!trustStore_) return false;
+    SSL_CTX_set1_cert_store(context, trustStore_);
     return true;
 }
 

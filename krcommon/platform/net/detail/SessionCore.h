@@ -63,9 +63,9 @@ public:
     void flushAtEndOfRound(Transfer& transfer);
     /// Inside a handshake: the server's certificate chain is to be accepted (true) or not.
     bool decideTrust(Transfer& transfer, X509_STORE_CTX* context);
-    /// Adds the configuration's extra anchors to a new connection's store; false when one
-    /// of them could not be read.
-    bool addAnchors(SSL_CTX* context) const;
+    /// Gives a new connection the session's trust store (the system's anchors and the
+    /// configuration's extra ones); false when an extra anchor could not be read.
+    bool prepareTLS(SSL_CTX* context);
     /// Counts body bytes received by `task`.
     static void countReceived(URLSessionTask& task, std::size_t bytes) noexcept;
 
@@ -110,6 +110,7 @@ private:
     URLSessionTaskCompletionDelegate* completionReceiver_ = nullptr;
     std::vector<X509*> anchors_;
     bool anchorsValid_ = true;
+    X509_STORE* trustStore_ = nullptr;  // made on the engine at the first handshake
 
     // Tasks started and not completed, so that invalidation can end them at once.
     std::mutex liveMutex_;

@@ -100,12 +100,12 @@ int onCertificateVerify(X509_STORE_CTX* context, void* user) {
     return t.core.decideTrust(t, context) ? 1 : 0;
 }
 
-// Runs for every new TLS connection before its handshake: adds the extra anchors and
-// puts our evaluation in place of the library's.
+// Runs for every new TLS connection before its handshake: puts the session's trust store
+// and our evaluation in place of the library's.
 CURLcode onSSLContext(CURL*, void* sslContext, void* user) {
     auto& t = *static_cast<Transfer*>(user);
     auto* context = static_cast<SSL_CTX*>(sslContext);
-    if (!t.core.addAnchors(context)) return CURLE_SSL_CACERT_BADFILE;
+    if (!t.core.prepareTLS(context)) return CURLE_SSL_CACERT_BADFILE;
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_cert_verify_callback(context, &onCertificateVerify, &t);
     return CURLE_OK;
@@ -169,6 +169,10 @@ std::unique_ptr<Transfer> Transfer::make(SessionCore& core) {
     // our verdict. Every new connection is evaluated: no TLS session is resumed.
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    // The library would read the whole system bundle for every connection; the session's
+    // own store (see SessionCore::prepareTLS) replaces it.
+    curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
+    curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
     const bool hooked = curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &onSSLContext) == CURLE_OK;
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, hooked ? 0L : 2L);
     return std::unique_ptr<Transfer>(new Transfer(core, easy));

@@ -6,6 +6,8 @@
 
 #include <arpa/inet.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 namespace krcommon::platform::detail {
@@ -90,6 +92,34 @@ std::vector<X509*> readPEMCertificates(std::string_view pem) {
     BIO_free(bio);
     ERR_clear_error();
     return certificates;
+}
+
+X509_STORE* makeTrustStore(std::span<X509* const> extra) {
+    X509_STORE* store = X509_STORE_new();
+    if (!store) return nullptr;
+    // Where the TLS library looks by default, or where its environment variables point.
+    const char* folder = std::getenv(X509_get_default_cert_dir_env());
+    if (!folder) folder = X509_get_default_cert_dir();
+    const char* bundle = std::getenv(X509_get_default_cert_file_env());
+    if (!bundle) bundle = X509_get_default_cert_file();
+    bool hashed = false;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+        const auto name = entry.path().filename().string();
+        if (name.size() > 2 && name.ends_with(".0")) {
+            hashed = true;
+            break;
+        }
+    }
+    if (hashed) {
+        X509_STORE_load_path(store, folder);
+    } else {
+        X509_STORE_load_file(store, bundle);
+    }
+    for (X509* certificate : extra) X509_STORE_add_cert(store, certificate);
+    X509_STORE_set_flags(store, X509_V_FLAG_PARTIAL_CHAIN);
+    ERR_clear_error();
+    return store;
 }
 
 }  // namespace krcommon::platform::detail

@@ -40,4 +40,11 @@ std::vector<Data> encodedChain(X509* leaf, STACK_OF(X509)* untrusted);
 /// caller owns them (X509_free).
 std::vector<X509*> readPEMCertificates(std::string_view pem);
 
+/// A new store of the system's trust anchors plus `extra` (not taken over), for a TLS
+/// client: the system's hashed certificate folder is read one certificate at a time as
+/// chains need it, so making a store costs next to nothing; without such a folder, the
+/// system's bundle file is read whole. Intermediates among `extra` count as anchors too.
+/// The caller owns the store (X509_STORE_free).
+X509_STORE* makeTrustStore(std::span<X509* const> extra);
+
 }  // namespace krcommon::platform::detail
