@@ -179,7 +179,11 @@ void SessionCore::start(std::shared_ptr<URLSessionTask> task) {
         claimCompletion(*task, urlError(URLErrorCancelled, task->originalRequest().URL()));
         return;
     }
-    TransferEngine::shared().post([self = shared_from_this(), task = std::move(task)] { self->startOnEngine(task); });
+    // While the engine waits, the request goes out from here at once; otherwise the engine
+    // starts it at its next round.
+    auto& engine = TransferEngine::shared();
+    if (engine.runRoundIfIdle([&] { startOnEngine(task); })) return;
+    engine.post([self = shared_from_this(), task = std::move(task)] { self->startOnEngine(task); });
 }
 
 void SessionCore::cancel(std::shared_ptr<URLSessionTask> task) {

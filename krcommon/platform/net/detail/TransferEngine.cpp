@@ -70,11 +70,7 @@ void TransferEngine::post(std::function<void()> command) {
     }
     // A command dropped at exit is destroyed here, outside the lock: it may hold the
     // last reference to a session.
-    if (wake) {
-        const std::uint64_t one = 1;
-        while (::write(wake_, &one, sizeof one) < 0 && errno == EINTR) {
-        }
-    }
+    if (wake) this->wake();
 }
 
 void TransferEngine::stop() {
@@ -138,19 +134,53 @@ void TransferEngine::forget(Client& client) {
     }
 }
 
+bool TransferEngine::runRoundIfIdle(const std::function<void()>& work) {
+    std::unique_lock round(roundMutex_, std::try_to_lock);
+    if (!round) return false;
+    {
+        std::lock_guard lock(mutex_);
+        if (stopping_) return false;
+    }
+    onEngineThread = true;
+    roundTime_ = Clock::now();
+    work();
+    endRound();
+    onEngineThread = false;
+    // The engine waits until its planned time, or until a socket it watches is ready: a
+    // deadline set here before that time needs it awake.
+    const bool earlier = !deadlines_.empty() && deadlines_.begin()->first < plannedWake_;
+    round.unlock();
+    if (earlier) wake();
+    return true;
+}
+
+void TransferEngine::wake() {
+    const std::uint64_t one = 1;
+    while (::write(wake_, &one, sizeof one) < 0 && errno == EINTR) {
+    }
+}
+
+void TransferEngine::endRound() {
+    std::vector<Client*> ending;
+    ending.swap(touched_);
+    for (Client* client : ending) client->touched_ = false;
+    for (Client* client : ending) client->endOfRound();
+}
+
 void TransferEngine::run() {
     ::pthread_setname_np(::pthread_self(), "kr.transfer");
-    onEngineThread = true;
     std::vector<epoll_event> ready(256);
     std::vector<std::function<void()>> commands;
     std::vector<Client*> due;
-    std::vector<Client*> ending;
+    std::unique_lock round(roundMutex_);
     while (true) {
-        int timeout = -1;
+        // An idle engine still looks once a second: deadlines further out need no wake-up.
+        roundTime_ = Clock::now();
+        int timeout = 1000;
         if (!deadlines_.empty()) {
-            const auto left = deadlines_.begin()->first - Clock::now();
+            const auto left = deadlines_.begin()->first - roundTime_;
             const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-            timeout = static_cast<int>(std::clamp<long long>(ms, 0, INT_MAX));
+            timeout = static_cast<int>(std::clamp<long long>(ms, 0, timeout));
         }
         {
             std::lock_guard lock(mutex_);
@@ -158,7 +188,12 @@ void TransferEngine::run() {
             if (!commands_.empty()) timeout = 0;
             sleeping_ = timeout != 0;
         }
+        plannedWake_ = roundTime_ + std::chrono::milliseconds(timeout);
+        onEngineThread = false;
+        round.unlock();
         const int count = ::epoll_wait(epoll_, ready.data(), static_cast<int>(ready.size()), timeout);
+        round.lock();
+        onEngineThread = true;
         {
             std::lock_guard lock(mutex_);
             sleeping_ = false;
@@ -176,13 +211,13 @@ void TransferEngine::run() {
             }
             const auto index = static_cast<std::size_t>(fd);
             Client* owner = index < watched_.size() ? watched_[index].owner : nullptr;
-            if (!owner) continue;  // removed earlier in this round
+            if (!owner) continue;  // removed since the wait ended
             touch(*owner);
             owner->onSocket(fd, readinessFor(ready[static_cast<std::size_t>(i)].events));
         }
 
         for (auto& command : commands) command();
-        commands.clear();  // what the commands held goes here, on this thread
+        commands.clear();  // what the commands held goes here, inside the round
 
         // Each client whose deadline has come runs once a round; one that asks to run
         // again at once gets the next round, after the sockets.
@@ -197,11 +232,7 @@ void TransferEngine::run() {
             client->onDeadline(roundTime_);
         }
         due.clear();
-
-        ending.swap(touched_);
-        for (Client* client : ending) client->touched_ = false;
-        for (Client* client : ending) client->endOfRound();
-        ending.clear();
+        endRound();
     }
     onEngineThread = false;
 }

@@ -4,11 +4,15 @@
 // waits in epoll on the sockets of every session's transfers and on their
 // timers, and hands each readiness or expiry to the session that owns it; the
 // session then drives its own libcurl multi handle with
-// curl_multi_socket_action(). Other threads reach the engine only through
-// post(), which runs a command on the engine thread at its next round.
+// curl_multi_socket_action(). Other threads reach the engine through post(),
+// which runs a command on the engine thread at its next round, or, while the
+// engine waits, through runRoundIfIdle(), which runs a round on the calling
+// thread at once: a request started while nothing else is running goes out
+// without waking the engine first. Rounds never overlap: whoever runs one holds
+// the engine's round lock.
 //
-// The engine thread runs transfer work only: it never calls a delegate and
-// never waits on one beyond the short, bounded wait of a trust decision.
+// A round runs transfer work only: it never calls a delegate and never waits on
+// one beyond the short, bounded wait of a trust decision.
 
 #include <curl/curl.h>
 
@@ -58,10 +62,16 @@ public:
     /// from any thread. Once the process is exiting, commands are dropped unrun.
     void post(std::function<void()> command);
 
-    /// Whether the calling thread is the engine's.
+    /// Runs `work` at once on the calling thread as a round of the engine's, when the engine
+    /// is waiting and no other round runs; answers false, without running it, otherwise.
+    /// Never called from inside a round.
+    bool runRoundIfIdle(const std::function<void()>& work);
+
+    /// Whether the calling thread is running a round (the engine thread's own, or one run
+    /// by runRoundIfIdle()).
     [[nodiscard]] bool isEngineThread() const noexcept;
 
-    // ---- engine thread only
+    // ---- inside a round only
 
     /// Follows a libcurl socket callback: watch `fd` for `what` (CURL_POLL_IN, _OUT, _INOUT)
     /// on behalf of `owner`, or stop watching it (CURL_POLL_REMOVE).
@@ -79,6 +89,8 @@ private:
     TransferEngine();
     void run();
     void stop();
+    void endRound();
+    void wake();
 
     struct Watched {
         Client* owner = nullptr;
@@ -89,13 +101,16 @@ private:
     int wake_ = -1;  // an eventfd; written to end the engine's wait
     std::thread thread_;
 
+    std::mutex roundMutex_;  // held by whoever runs a round; the engine lets go of it only to wait
+    Clock::time_point plannedWake_{};  // when the waiting engine looks again at the latest
+
     std::mutex mutex_;  // guards the commands and the sleep flags
     std::vector<std::function<void()>> commands_;
     bool sleeping_ = false;
     bool wakePending_ = false;
     bool stopping_ = false;
 
-    // Engine thread only.
+    // Inside a round only.
     Clock::time_point roundTime_{};
     std::vector<Watched> watched_;  // by descriptor
     std::set<std::pair<Clock::time_point, Client*>> deadlines_;
