@@ -199,7 +199,9 @@ void SessionCore::invalidate() {
         ending.swap(live_);
     }
     for (const auto& task : ending) claimCompletion(*task, urlError(URLErrorCancelled, task->originalRequest().URL()));
-    TransferEngine::shared().post([self = shared_from_this()] { self->closeOnEngine(); });
+    auto& engine = TransferEngine::shared();
+    if (engine.runRoundIfIdle([this] { closeOnEngine(); })) return;
+    engine.post([self = shared_from_this()] { self->closeOnEngine(); });
 }
 
 bool SessionCore::claimCompletion(URLSessionTask& task, const std::shared_ptr<Error>& error) {
@@ -303,7 +305,7 @@ void SessionCore::closeOnEngine() {
     if (multi_) curl_multi_cleanup(multi_);  // closes the session's connections
     multi_ = nullptr;
     TransferEngine::shared().forget(*this);
-    auto release = std::move(selfWhileAttached_);  // the command that runs this holds the session still
+    auto release = std::move(selfWhileAttached_);  // whoever runs this holds the session still
 }
 
 void SessionCore::resumeBody(const std::shared_ptr<TransferLink>& link) {
