@@ -4,8 +4,8 @@
 
 namespace krcommon::platform::detail {
 
-void EventQueue::enqueue(Entry entry, bool first) {
-    bool schedule = false;
+void EventQueue::enqueue(Entry entry, bool first, bool runSoon) {
+    bool start = false;
     {
         std::lock_guard lock(mutex_);
         if (stopped_) return;  // the entry is destroyed on return, outside the lock
@@ -14,10 +14,19 @@ void EventQueue::enqueue(Entry entry, bool first) {
         } else {
             entries_.push_back(std::move(entry));
         }
-        schedule = !scheduled_;
+        start = runSoon && !scheduled_;
+        scheduled_ = scheduled_ || start;
+    }
+    if (start) queue_->addOperation([self = shared_from_this()] { self->drain(); });
+}
+
+void EventQueue::schedule() {
+    {
+        std::lock_guard lock(mutex_);
+        if (scheduled_ || entries_.empty()) return;
         scheduled_ = true;
     }
-    if (schedule) queue_->addOperation([self = shared_from_this()] { self->drain(); });
+    queue_->addOperation([self = shared_from_this()] { self->drain(); });
 }
 
 void EventQueue::stop() {

@@ -67,15 +67,19 @@ public:
 
     [[nodiscard]] const std::shared_ptr<OperationQueue>& queue() const noexcept { return queue_; }
 
-    /// Queues `event` behind everything waiting.
-    void post(Event event) { enqueue(Entry{std::move(event), {}, {}}, false); }
-    /// Queues `event` ahead of everything waiting: for a question the engine waits on.
-    void postFirst(Event event) { enqueue(Entry{std::move(event), {}, {}}, true); }
+    /// Queues `event` behind everything waiting. With `runSoon` false the delegate queue is not
+    /// asked to run it until schedule() is called: a transfer round hands over all its events
+    /// at its end, with one wake-up of the delegate queue.
+    void post(Event event, bool runSoon = true) { enqueue(Entry{std::move(event), {}, {}}, false, runSoon); }
+    /// Queues `event` ahead of everything waiting, to run soon: for a question the engine waits on.
+    void postFirst(Event event) { enqueue(Entry{std::move(event), {}, {}}, true, true); }
     /// Queues a task's event; when `gate` is set, the event runs only once the gate's response
     /// has been answered (with cancelled = true when the answer refused it).
-    void postForTask(const std::shared_ptr<ResponseGate>& gate, TaskEvent event) {
-        enqueue(Entry{{}, std::move(event), gate}, false);
+    void postForTask(const std::shared_ptr<ResponseGate>& gate, TaskEvent event, bool runSoon = true) {
+        enqueue(Entry{{}, std::move(event), gate}, false, runSoon);
     }
+    /// Asks the delegate queue to run what waits, unless it is already asked to.
+    void schedule();
 
     /// The delegate answered the response behind `gate`: what the gate held runs (allowed) or
     /// is told it was cancelled, in order. False when the gate had been answered before.
@@ -91,7 +95,7 @@ private:
         TaskEvent forTask;
         std::shared_ptr<ResponseGate> gate;
     };
-    void enqueue(Entry entry, bool first);
+    void enqueue(Entry entry, bool first, bool runSoon);
     void drain();
     static void run(Entry& entry);
 

@@ -371,6 +371,11 @@ void SessionCore::endOfRound() {
     }
     for (Transfer* t : withPendingData_) flushData(*t);
     withPendingData_.clear();
+    // What the round queued for the delegate goes to its queue now, with one wake-up.
+    if (handOver_) {
+        handOver_ = false;
+        events->schedule();
+    }
     std::optional<Clock::time_point> next = curlDeadline_;
     if (idleCheck_ && (!next || *idleCheck_ < *next)) next = idleCheck_;
     TransferEngine::shared().setDeadline(*this, next);
@@ -502,6 +507,7 @@ void SessionCore::finishTransfer(Transfer& t, CURLcode code) {
         ::close(t.downloadFd);
         t.downloadFd = -1;
         auto downloadTask = std::dynamic_pointer_cast<URLSessionDownloadTask>(t.task);
+        handOver();
         events->postForTask(t.gate, [self = shared_from_this(), downloadTask, path = std::move(t.downloadPath)](bool cancelled) {
             auto session = self->session.lock();
             auto alive = self->delegate.lock();
@@ -510,7 +516,7 @@ void SessionCore::finishTransfer(Transfer& t, CURLcode code) {
                 receiver->didFinishDownloadingToURL(session, downloadTask, URL::fileURLWithPath(path));
             }
             ::unlink(path.c_str());
-        });
+        }, false);
         t.downloadPath.clear();
     }
 
@@ -523,6 +529,7 @@ void SessionCore::finishTransfer(Transfer& t, CURLcode code) {
 void SessionCore::complete(const std::shared_ptr<URLSessionTask>& task, std::shared_ptr<Error> error,
                            const std::shared_ptr<ResponseGate>& gate) {
     if (!claimCompletion(*task, error)) return;
+    handOver();
     events->postForTask(gate, [self = shared_from_this(), task, error = std::move(error)](bool cancelled) mutable {
         if (cancelled && (!error || error->code() != URLErrorCancelled)) {
             // The delegate refused the response after the transfer had finished.
@@ -534,7 +541,13 @@ void SessionCore::complete(const std::shared_ptr<URLSessionTask>& task, std::sha
         auto alive = self->delegate.lock();
         auto* receiver = alive ? self->completionReceiver_ : nullptr;
         if (session && receiver) receiver->didCompleteWithError(session, task, error);
-    });
+    }, false);
+}
+
+void SessionCore::handOver() {
+    if (handOver_) return;
+    handOver_ = true;
+    TransferEngine::shared().touch(*this);
 }
 
 // ---------------------------------------------------------------- engine thread: events
@@ -562,6 +575,7 @@ void SessionCore::deliverResponse(Transfer& t) {
     answer->core = shared_from_this();
     answer->gate = t.gate;
     answer->task = dataTask;
+    handOver();
     events->post([self = shared_from_this(), dataTask, response, answer] {
         auto session = self->session.lock();
         auto alive = self->delegate.lock();
@@ -569,7 +583,7 @@ void SessionCore::deliverResponse(Transfer& t) {
         if (!session || !receiver) return;  // the answer, dropped, cancels
         receiver->didReceiveResponse(session, dataTask, response,
                                      [answer](URLSessionResponseDisposition disposition) { answer->give(disposition); });
-    });
+    }, false);
 }
 
 void SessionCore::flushAtEndOfRound(Transfer& t) {
@@ -582,6 +596,7 @@ void SessionCore::flushData(Transfer& t) {
     if (t.pendingData.empty()) return;
     const std::size_t size = t.pendingData.size();
     t.link->flow.queued.fetch_add(size);
+    handOver();
     events->postForTask(t.gate, [self = shared_from_this(), dataTask = t.dataTask, link = t.link,
                                  bytes = std::move(t.pendingData)](bool cancelled) {
         if (!cancelled && dataTask->state() != URLSessionTaskState::Canceling) {
@@ -593,7 +608,7 @@ void SessionCore::flushData(Transfer& t) {
         if (link->flow.release(bytes.size())) {
             TransferEngine::shared().post([self, link] { self->resumeBody(link); });
         }
-    });
+    }, false);
     t.pendingData = Data();
 }
 

@@ -101,7 +101,7 @@ private:
     void complete(const std::shared_ptr<URLSessionTask>& task, std::shared_ptr<Error> error,
                   const std::shared_ptr<ResponseGate>& gate = nullptr);
     bool claimCompletion(URLSessionTask& task, const std::shared_ptr<Error>& error);
-    void postToEngine(void (SessionCore::*member)());
+    void handOver();
 
     URLSessionChallengeDelegate* challengeReceiver_ = nullptr;
     URLSessionDataResponseDelegate* responseReceiver_ = nullptr;
@@ -127,6 +127,7 @@ private:
     std::vector<Transfer*> withPendingData_;
     std::optional<Clock::time_point> curlDeadline_;
     bool kick_ = false;  // libcurl asked to be run again at once
+    bool handOver_ = false;  // the round queued events for the delegate
     std::optional<Clock::time_point> idleCheck_;
 };
 
