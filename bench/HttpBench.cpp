@@ -22,6 +22,7 @@
 
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <netinet/in.h>
@@ -29,6 +30,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -59,9 +61,9 @@ const Value kParams(Dictionary{{"appid", "1001"}, {"uid", "10001"}});
 krcommon::test::TestServer& server() {
     static auto instance = [] {
         auto s = krcommon::test::TestServer::http();
-        s->setRecording(false);
-        s->route("GET", "/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
-        s->route("POST", "/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
+        // Straight on the server library: these routes record nothing, so memory stays flat.
+        s->server().Get("/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
+        s->server().Post("/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
         s->start();
         return s;
     }();
@@ -405,14 +407,29 @@ void HOP_ThreadRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(HOP_ThreadRoundTrip)->UseRealTime();
 
+// ---- servers in child processes
+
+// A TCP socket bound to a free port on 127.0.0.1 and listening; `port` receives the port.
+int loopbackListener(int& port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    ::listen(fd, 4096);
+    return fd;
+}
+
 // ---- memory held per request in flight
 
 // A server in a child process that accepts connections, reads, and never
 // answers: what the parent's heap holds then is the client's alone.
 int silentServer(pid_t* child) {
     int port = 0;
-    const int fd = krcommon::test::boundLoopbackSocket(port);
-    ::listen(fd, 512);
+    const int fd = loopbackListener(port);
     *child = ::fork();
     if (*child == 0) {
         std::vector<pollfd> fds{{fd, POLLIN, 0}};
@@ -480,8 +497,7 @@ int threadCount() {
 // the client's.
 int answeringServer(pid_t* child) {
     int port = 0;
-    const int fd = krcommon::test::boundLoopbackSocket(port);
-    ::listen(fd, 4096);
+    const int fd = loopbackListener(port);
     *child = ::fork();
     if (*child != 0) {
         ::close(fd);
@@ -632,8 +648,7 @@ BENCHMARK(BASE_ManyManagers)->Arg(500)->UseRealTime()->Unit(benchmark::kMillisec
 // A server in a child process that answers one request with 1 GiB of bytes.
 int largeAnswerServer(pid_t* child) {
     int port = 0;
-    const int fd = krcommon::test::boundLoopbackSocket(port);
-    ::listen(fd, 16);
+    const int fd = loopbackListener(port);
     *child = ::fork();
     if (*child != 0) {
         ::close(fd);
@@ -764,8 +779,7 @@ void TRUST_HandshakesPerRequest(benchmark::State& state) {
     const int delay = static_cast<int>(state.range(1));
     static auto secure = [] {
         auto s = krcommon::test::TestServer::https(krcommon::test::TestCertificates::shared().selfSigned);
-        s->setRecording(false);
-        s->route("GET", "/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
+        s->server().Get("/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
         s->start();
         return s;
     }();
