@@ -135,6 +135,7 @@ void TransferEngine::forget(Client& client) {
 }
 
 bool TransferEngine::runRoundIfIdle(const std::function<void()>& work) {
+    if (onEngineThread) return false;  // inside a round already: the caller posts instead
     std::unique_lock round(roundMutex_, std::try_to_lock);
     if (!round) return false;
     {

@@ -63,8 +63,8 @@ public:
     void post(std::function<void()> command);
 
     /// Runs `work` at once on the calling thread as a round of the engine's, when the engine
-    /// is waiting and no other round runs; answers false, without running it, otherwise.
-    /// Never called from inside a round.
+    /// is waiting and no other round runs; answers false, without running it, otherwise
+    /// (also when called from inside a round).
     bool runRoundIfIdle(const std::function<void()>& work);
 
     /// Whether the calling thread is running a round (the engine thread's own, or one run
