@@ -46,7 +46,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         start = end + 1;
 
         if (const auto status = detail::parseStatusLine(line)) {
-            check(line.starts_with("HTTP/") && *status >= 0 && *status <= 999);
+            // "HTTP/", a version, one space, then the three digits of the code.
+            check(line.starts_with("HTTP/"));
+            const std::string_view code = line.substr(std::min(line.find(' '), line.size()) + 1, 3);
+            int value = 0;
+            for (char c : code) {
+                check(c >= '0' && c <= '9');
+                value = value * 10 + (c - '0');
+            }
+            check(code.size() == 3 && value == *status);
         }
         if (const auto field = detail::parseFieldLine(line)) {
             const auto [name, value] = *field;
@@ -54,7 +62,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             check(!isBlank(name.front()) && !isBlank(name.back()) && name.find(':') == std::string_view::npos);
             check(value.empty() || (!isBlank(value.front()) && !isBlank(value.back())));
             check(name.data() + name.size() <= value.data());
+            bool known = false;
+            for (const auto& [existing, joined] : fields) known = known || headerFieldEquals(existing, name);
             detail::addReceivedField(fields, name, value);
+            for (const auto& [existing, joined] : fields) {
+                if (headerFieldEquals(existing, name)) check(joined.ends_with(known ? ", " + std::string(value) : std::string(value)));
+            }
             ++fieldLines;
         }
 
