@@ -14,12 +14,23 @@
 #include <krcommon/http/KRSDKMemberHttpManager.h>
 #include <krcommon/platform/app/SystemLog.h>
 #include <krcommon/platform/dispatch/MainQueue.h>
+#include <krcommon/platform/net/URLSession.h>
+#if __has_include(<krcommon/platform/net/detail/Transfer.h>)
+#include <krcommon/platform/net/detail/Transfer.h>
+#define KRCOMMON_BENCH_HANDSHAKES 1
+#endif
 
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <malloc.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,10 +38,14 @@
 #include <atomic>
 #include <chrono>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <future>
 #include <limits>
 #include <memory>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -46,9 +61,9 @@ const Value kParams(Dictionary{{"appid", "1001"}, {"uid", "10001"}});
 krcommon::test::TestServer& server() {
     static auto instance = [] {
         auto s = krcommon::test::TestServer::http();
-        s->setRecording(false);
-        s->route("GET", "/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
-        s->route("POST", "/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
+        // Straight on the server library: these routes record nothing, so memory stays flat.
+        s->server().Get("/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
+        s->server().Post("/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
         s->start();
         return s;
     }();
@@ -392,14 +407,29 @@ void HOP_ThreadRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(HOP_ThreadRoundTrip)->UseRealTime();
 
+// ---- servers in child processes
+
+// A TCP socket bound to a free port on 127.0.0.1 and listening; `port` receives the port.
+int loopbackListener(int& port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    ::listen(fd, 4096);
+    return fd;
+}
+
 // ---- memory held per request in flight
 
 // A server in a child process that accepts connections, reads, and never
 // answers: what the parent's heap holds then is the client's alone.
 int silentServer(pid_t* child) {
     int port = 0;
-    const int fd = krcommon::test::boundLoopbackSocket(port);
-    ::listen(fd, 512);
+    const int fd = loopbackListener(port);
     *child = ::fork();
     if (*child == 0) {
         std::vector<pollfd> fds{{fd, POLLIN, 0}};
@@ -450,6 +480,357 @@ void MEM_InFlight(benchmark::State& state) {
     state.counters["bytes_per_request"] = perRequest;
 }
 BENCHMARK(MEM_InFlight)->Arg(16)->Arg(64)->Iterations(3)->Unit(benchmark::kMillisecond);
+
+
+// ---- many clients at once
+
+// The threads of this process now.
+int threadCount() {
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
+    return count;
+}
+
+// A server in a child process that answers every request on every connection
+// with the same small JSON answer, keeping connections open, from one epoll
+// loop: it holds any number of connections, and its threads and memory are not
+// the client's.
+int answeringServer(pid_t* child) {
+    int port = 0;
+    const int fd = loopbackListener(port);
+    *child = ::fork();
+    if (*child != 0) {
+        ::close(fd);
+        return port;
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
+                               std::to_string(kAnswer.size()) + "\r\n\r\n" + kAnswer;
+    const int events = ::epoll_create1(0);
+    ::fcntl(fd, F_SETFL, O_NONBLOCK);
+    epoll_event listening{EPOLLIN, {.fd = fd}};
+    ::epoll_ctl(events, EPOLL_CTL_ADD, fd, &listening);
+    std::unordered_map<int, std::string> received;
+    std::vector<epoll_event> ready(256);
+    char buffer[65536];
+    while (true) {
+        const int count = ::epoll_wait(events, ready.data(), static_cast<int>(ready.size()), -1);
+        for (int i = 0; i < count; ++i) {
+            const int ready_fd = ready[static_cast<std::size_t>(i)].data.fd;
+            if (ready_fd == fd) {
+                while (true) {
+                    const int client = ::accept4(fd, nullptr, nullptr, SOCK_NONBLOCK);
+                    if (client < 0) break;
+                    const int one = 1;
+                    ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+                    epoll_event event{EPOLLIN, {.fd = client}};
+                    ::epoll_ctl(events, EPOLL_CTL_ADD, client, &event);
+                }
+                continue;
+            }
+            std::string& text = received[ready_fd];
+            ssize_t got = 0;
+            while ((got = ::read(ready_fd, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<std::size_t>(got));
+            std::size_t end = 0;
+            std::string out;
+            while ((end = text.find("\r\n\r\n")) != std::string::npos) {  // requests without a body
+                text.erase(0, end + 4);
+                out += answer;
+            }
+            if (!out.empty()) (void)!::write(ready_fd, out.data(), out.size());
+            if (got == 0 || (got < 0 && errno != EAGAIN)) {
+                ::close(ready_fd);
+                received.erase(ready_fd);
+            }
+        }
+    }
+}
+
+struct ChildServer {
+    pid_t pid = 0;
+    int port;
+    explicit ChildServer(int (*start)(pid_t*)) : port(start(&pid)) {}
+    ~ChildServer() {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
+};
+
+// N managers made at once, one GET each, all in flight together, then all
+// released. One iteration is the N requests; the counters are the process's
+// threads: the most seen while they ran, and right after the managers went.
+void KR_ManyManagers(benchmark::State& state) {
+    const int count = static_cast<int>(state.range(0));
+    ChildServer server(&answeringServer);
+    const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/user";
+    const int before = threadCount();
+    int during = 0;
+    int after = 0;
+    std::int64_t failed = 0;
+    for (auto _ : state) {
+        std::vector<std::shared_ptr<KRSDKMemberHttpManager>> managers;
+        int answered = 0;
+        for (int i = 0; i < count; ++i) {
+            managers.push_back(KRSDKMemberHttpManager::create());
+            managers.back()->setValue("identity", "Accept-Encoding");
+            managers.back()->GET(
+                url, Value(), kParams, std::nullopt, [&](const auto&, const Value&) { ++answered; },
+                [&](const auto&, const Value&, const auto&) {
+                    ++answered;
+                    ++failed;
+                });
+        }
+        during = std::max(during, threadCount());
+        int polls = 0;
+        MainQueue::runUntil(
+            [&] {
+                if (++polls % 50 == 0) during = std::max(during, threadCount());
+                return answered == count;
+            },
+            60);
+        during = std::max(during, threadCount());
+        managers.clear();
+        after = threadCount();
+    }
+    if (failed) state.SkipWithError("requests failed");
+    state.counters["threads_before"] = before;
+    state.counters["threads_during"] = during;
+    state.counters["threads_after"] = after;
+    state.SetItemsProcessed(state.iterations() * count);
+}
+BENCHMARK(KR_ManyManagers)->Arg(500)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// The same with raw libcurl: N easy handles on one multi, each opening its
+// own connection, all in flight together, then cleaned up.
+void BASE_ManyManagers(benchmark::State& state) {
+    const int count = static_cast<int>(state.range(0));
+    ChildServer server(&answeringServer);
+    const std::string url =
+        "http://127.0.0.1:" + std::to_string(server.port) + "/user?" + krcommon::KRQueryStringFromParameters(kParams).value_or("");
+    std::int64_t failed = 0;
+    for (auto _ : state) {
+        CURLM* multi = curl_multi_init();
+        std::vector<CURL*> handles;
+        std::vector<std::string> bodies(static_cast<std::size_t>(count));
+        for (auto& body : bodies) {
+            CURL* easy = curl_easy_init();
+            curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+            curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collect);
+            curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
+            curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+            curl_easy_setopt(easy, CURLOPT_USERAGENT, "krcommon/1.0");
+            curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "identity");
+            curl_multi_add_handle(multi, easy);
+            handles.push_back(easy);
+        }
+        int running = count;
+        while (running > 0) {
+            curl_multi_perform(multi, &running);
+            if (running > 0) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        }
+        int left = 0;
+        while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+            if (message->msg == CURLMSG_DONE && message->data.result != CURLE_OK) ++failed;
+        }
+        for (CURL* easy : handles) {
+            curl_multi_remove_handle(multi, easy);
+            curl_easy_cleanup(easy);
+        }
+        curl_multi_cleanup(multi);
+    }
+    if (failed) state.SkipWithError("requests failed");
+    state.SetItemsProcessed(state.iterations() * count);
+}
+BENCHMARK(BASE_ManyManagers)->Arg(500)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// ---- a large answer nobody reads in time
+
+// A server in a child process that answers one request with 1 GiB of bytes.
+int largeAnswerServer(pid_t* child) {
+    int port = 0;
+    const int fd = loopbackListener(port);
+    *child = ::fork();
+    if (*child != 0) {
+        ::close(fd);
+        return port;
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+    constexpr std::size_t total = std::size_t{1} << 30;
+    while (true) {
+        const int client = ::accept(fd, nullptr, nullptr);
+        char buffer[4096];
+        (void)!::read(client, buffer, sizeof buffer);
+        const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
+                                 std::to_string(total) + "\r\nConnection: close\r\n\r\n";
+        (void)!::write(client, head.data(), head.size());
+        const std::string chunk(std::size_t{1} << 20, 'x');
+        for (std::size_t sent = 0; sent < total; sent += chunk.size()) {
+            if (::write(client, chunk.data(), chunk.size()) <= 0) break;
+        }
+        ::close(client);
+    }
+}
+
+long residentKiB() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+    }
+    return 0;
+}
+
+// A 1 GiB answer to a manager's GET (response type "image": the handler keeps the bytes as
+// they are) while the main queue is not pumped for 5 s, then pumped until the answer is
+// there. A sampling thread records the resident set; the counters are its growth beyond
+// the bytes received so far (what the handler holds), at the most and at the end of the
+// 5 s, in MiB, and how much had arrived by then.
+void MEM_LargeAnswer(benchmark::State& state) {
+    ChildServer server(&largeAnswerServer);
+    const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/large";
+    double peakBeyond = 0;
+    double endBeyond = 0;
+    double arrived = 0;
+    for (auto _ : state) {
+        auto manager = KRSDKMemberHttpManager::create();
+        bool answered = false;
+        malloc_trim(0);
+        const long base = residentKiB();
+        auto task = manager->GET(
+            url, Value(), Value(), std::string("image"), [&](const auto&, const Value&) { answered = true; },
+            [&](const auto&, const Value&, const auto&) { answered = true; });
+        std::atomic<bool> sampling{true};
+        std::atomic<long> peak{0};
+        std::thread sampler([&] {
+            while (sampling.load()) {
+                const long beyond = residentKiB() - base - static_cast<long>(task->countOfBytesReceived() / 1024);
+                peak.store(std::max(peak.load(), beyond));
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::seconds(5));  // the main queue is not pumped meanwhile
+        endBeyond = static_cast<double>(residentKiB() - base - task->countOfBytesReceived() / 1024) / 1024;
+        arrived = static_cast<double>(task->countOfBytesReceived()) / (1 << 20);
+        sampling = false;
+        sampler.join();
+        peakBeyond = static_cast<double>(peak.load()) / 1024;
+        MainQueue::runUntil([&] { return answered; }, 120);
+    }
+    state.counters["peak_beyond_body_MiB"] = peakBeyond;
+    state.counters["end_beyond_body_MiB"] = endBeyond;
+    state.counters["received_in_5s_MiB"] = arrived;
+}
+BENCHMARK(MEM_LargeAnswer)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// The same answer to a session whose delegate queue is held up for 5 s: what
+// waits for the delegate is bounded, so the resident set hardly grows at all.
+void MEM_LargeAnswerSlowDelegateQueue(benchmark::State& state) {
+    ChildServer server(&largeAnswerServer);
+    const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/large";
+    struct Counting final : krcommon::platform::URLSessionDelegate, krcommon::platform::URLSessionTaskCompletionDelegate {
+        std::atomic<bool> done{false};
+        void didCompleteWithError(const std::shared_ptr<krcommon::platform::URLSession>&,
+                                  const std::shared_ptr<krcommon::platform::URLSessionTask>&,
+                                  const std::shared_ptr<krcommon::platform::Error>&) override {
+            done = true;
+        }
+    };
+    double peakGrowth = 0;
+    double arrived = 0;
+    for (auto _ : state) {
+        auto delegate = std::make_shared<Counting>();
+        auto queue = std::make_shared<krcommon::platform::OperationQueue>(1);
+        std::promise<void> release;
+        queue->addOperation([held = release.get_future().share()] { held.wait(); });
+        auto session = krcommon::platform::URLSession::sessionWithConfiguration(nullptr, delegate, queue);
+        malloc_trim(0);
+        const long base = residentKiB();
+        krcommon::platform::URLRequest request(krcommon::platform::URL::URLWithString(url), 120);
+        auto task = session->dataTaskWithRequest(request);
+        task->resume();
+        long peak = 0;
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (std::chrono::steady_clock::now() < until) {
+            peak = std::max(peak, residentKiB() - base);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        arrived = static_cast<double>(task->countOfBytesReceived()) / (1 << 20);
+        peakGrowth = static_cast<double>(peak) / 1024;
+        release.set_value();
+        while (!delegate->done) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    state.counters["peak_growth_MiB"] = peakGrowth;
+    state.counters["received_in_5s_MiB"] = arrived;
+}
+BENCHMARK(MEM_LargeAnswerSlowDelegateQueue)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+
+// ---- trust decisions and the handshakes they cost
+#if KRCOMMON_BENCH_HANDSHAKES
+
+// New sessions, one HTTPS GET each to a server with a self-signed certificate, which the
+// delegate accepts after `delay` ms (0: at once, on the delegate queue, as the manager
+// does), N in flight together. A handshake waits a short while for the answer; past it,
+// it fails and is made again once the answer is in. The counter is TLS handshakes (server
+// certificates evaluated) per request.
+void TRUST_HandshakesPerRequest(benchmark::State& state) {
+    using namespace krcommon::platform;
+    const int inFlight = static_cast<int>(state.range(0));
+    const int delay = static_cast<int>(state.range(1));
+    static auto secure = [] {
+        auto s = krcommon::test::TestServer::https(krcommon::test::TestCertificates::shared().selfSigned);
+        s->server().Get("/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
+        s->start();
+        return s;
+    }();
+    struct Accepting final : URLSessionDelegate, URLSessionChallengeDelegate, URLSessionTaskCompletionDelegate {
+        int delay = 0;
+        std::atomic<int>* done = nullptr;
+        std::atomic<int>* failed = nullptr;
+        void didReceiveChallenge(const std::shared_ptr<URLSession>&, const std::shared_ptr<URLAuthenticationChallenge>& c,
+                                 URLSessionChallengeCompletion completion) override {
+            auto credential = URLCredential::credentialForTrust(c->protectionSpace()->serverTrust());
+            if (delay == 0) {
+                completion(URLSessionAuthChallengeDisposition::UseCredential, credential);
+                return;
+            }
+            std::thread([completion = std::move(completion), credential, wait = delay] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(wait));
+                completion(URLSessionAuthChallengeDisposition::UseCredential, credential);
+            }).detach();
+        }
+        void didCompleteWithError(const std::shared_ptr<URLSession>&, const std::shared_ptr<URLSessionTask>&,
+                                  const std::shared_ptr<Error>& error) override {
+            if (error) ++*failed;
+            ++*done;
+        }
+    };
+    std::atomic<int> done{0};
+    std::atomic<int> failed{0};
+    const auto evaluationsBefore = krcommon::platform::detail::serverCertificateEvaluations();
+    for (auto _ : state) {
+        std::vector<std::shared_ptr<Accepting>> delegates;
+        std::vector<std::shared_ptr<URLSession>> sessions;
+        const int target = done.load() + inFlight;
+        for (int i = 0; i < inFlight; ++i) {
+            auto delegate = std::make_shared<Accepting>();
+            delegate->delay = delay;
+            delegate->done = &done;
+            delegate->failed = &failed;
+            sessions.push_back(URLSession::sessionWithConfiguration(nullptr, delegate));
+            delegates.push_back(delegate);
+            sessions.back()->dataTaskWithRequest(URLRequest(URL::URLWithString(secure->origin("https") + "/user")))->resume();
+        }
+        while (done.load() < target) std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    if (failed.load() != 0) state.SkipWithError("requests failed");
+    const double requests = static_cast<double>(state.iterations() * inFlight);
+    state.counters["handshakes_per_request"] =
+        static_cast<double>(krcommon::platform::detail::serverCertificateEvaluations() - evaluationsBefore) / requests;
+    state.SetItemsProcessed(state.iterations() * inFlight);
+}
+BENCHMARK(TRUST_HandshakesPerRequest)->Args({1, 0})->Args({100, 0})->Args({1, 50})->UseRealTime()->Unit(benchmark::kMillisecond);
+#endif
 
 }  // namespace
 

@@ -8,7 +8,9 @@
 # counts, divided by 2000, leaves out start-up and connection set-up. Threads:
 #   caller    the benchmark's thread: builds requests and pumps the main queue
 #             (for raw libcurl it also runs the transfers);
-#   transfer  the session's transfer thread (krcommon only);
+#   transfer  the transfer engine's thread (krcommon only);
+#   delegate  the operation queue threads that run the session's delegate events
+#             (krcommon only);
 #   server    the in-process HTTP server's threads.
 #
 # Needs valgrind (apt-get install valgrind) and the bench build (make bench).
@@ -36,20 +38,22 @@ def counts(case, requests):
         total = re.search(r"^(?:summary|totals): (\d+)", text, re.M)
         if not total:
             continue
-        if "SessionEngine::run()" in text:
+        if "TransferEngine::run()" in text or "SessionEngine::run()" in text:
             role = "transfer"
+        elif "EventQueue::drain()" in text or "SessionEngine::drainEvents()" in text:
+            role = "delegate"
         elif re.search(r"benchmark::|BenchmarkRunner", text) and re.search(r"runLoad", text):
             role = "caller"
         else:
             role = "server"
         roles[role] = roles.get(role, 0) + int(total.group(1))
     return roles
-print("| case | caller | transfer | server | client total |")
-print("|---|---|---|---|---|")
+print("| case | caller | transfer | delegate | server | client total |")
+print("|---|---|---|---|---|---|")
 for case in ["KR_RequestGet", "BASE_RequestGet", "KR_RequestPost", "BASE_RequestPost"]:
     few, many = counts(case, 1000), counts(case, 3000)
-    per = {r: (many.get(r, 0) - few.get(r, 0)) / 2000 for r in ("caller", "transfer", "server")}
+    per = {r: (many.get(r, 0) - few.get(r, 0)) / 2000 for r in ("caller", "transfer", "delegate", "server")}
     cell = lambda v: f"{v / 1000:.1f}k" if v else "-"
-    print(f"| {case}/32 | {cell(per['caller'])} | {cell(per['transfer'])} | {cell(per['server'])} | "
-          f"{cell(per['caller'] + per['transfer'])} |")
+    print(f"| {case}/32 | {cell(per['caller'])} | {cell(per['transfer'])} | {cell(per['delegate'])} | "
+          f"{cell(per['server'])} | {cell(per['caller'] + per['transfer'] + per['delegate'])} |")
 PY

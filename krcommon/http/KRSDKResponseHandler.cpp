@@ -83,6 +83,11 @@ Value KRSDKResponseHandler::responseObjectForResponse(const std::shared_ptr<plat
 
 Value KRSDKResponseHandler::responseObjectForURLResponse(const std::shared_ptr<platform::URLResponse>& response,
                                                          const Data& data, std::shared_ptr<Error>& error) {
+    return responseObjectFor(response, data, nullptr, error);
+}
+
+Value KRSDKResponseHandler::responseObjectFor(const std::shared_ptr<platform::URLResponse>& response, const Data& data,
+                                              Data* owned, std::shared_ptr<Error>& error) {
     bool exempt = false;
     Value body;  // the answer parsed as JSON from its text, when it is both
     if (!isImage()) {
@@ -120,7 +125,9 @@ Value KRSDKResponseHandler::responseObjectForURLResponse(const std::shared_ptr<p
                 object = std::move(*parsed);
             }
         } else if (*respType_ == "image") {
-            object = Value(data);
+            // The bytes as they are: taken over when the caller gives them up (a large picture
+            // is not copied), else copied.
+            object = owned ? Value(std::move(*owned)) : Value(data);
         } else if (*respType_ == "string") {
             object = textOf(data);
         }
@@ -155,7 +162,7 @@ void KRSDKResponseHandler::didCompleteWithError(const std::shared_ptr<platform::
         return;
     }
     std::shared_ptr<Error> error;
-    Value object = responseObjectForResponse(task, body, error);
+    Value object = responseObjectFor(responseOf(task), body, &body, error);
     if (isImage()) {
         Dictionary picture;
         picture.set("data", object.isNil() ? Value("") : std::move(object));
@@ -168,13 +175,31 @@ void KRSDKResponseHandler::didCompleteWithError(const std::shared_ptr<platform::
 }
 
 void KRSDKResponseHandler::didReceiveData(const std::shared_ptr<platform::URLSession>& /*session*/,
-                                          const std::shared_ptr<platform::URLSessionDataTask>& /*dataTask*/,
+                                          const std::shared_ptr<platform::URLSessionDataTask>& dataTask,
                                           std::optional<std::span<const std::uint8_t>> data) {
     if (!data) {
         KRSDK_LOG("Common", 2, "recceiveData is nil");
         return;
     }
-    if (mutableData_) mutableData_->insert(mutableData_->end(), data->begin(), data->end());
+    if (!mutableData_) return;
+    if (mutableData_->empty()) reserveAnnouncedLength(dataTask);
+    mutableData_->insert(mutableData_->end(), data->begin(), data->end());
+}
+
+void KRSDKResponseHandler::reserveAnnouncedLength(const std::shared_ptr<platform::URLSessionDataTask>& dataTask) {
+    // A body whose length the response announces is collected in one buffer of that size
+    // instead of one that doubles as it fills (which holds the old buffer and the new one,
+    // half again the body, while it copies). Pages not yet written take no memory, so only an
+    // absurd announcement is ignored.
+    constexpr std::int64_t largestReserved = std::int64_t{2} << 30;
+    const auto response = dataTask ? dataTask->response() : nullptr;
+    const std::int64_t length = response ? response->expectedContentLength() : -1;
+    if (length <= 0 || length > largestReserved) return;
+    try {
+        mutableData_->reserve(static_cast<std::size_t>(length));
+    } catch (const std::exception&) {
+        // Not that much memory at once: the buffer grows as the bytes come.
+    }
 }
 
 void KRSDKResponseHandler::didFinishDownloadingToURL(

@@ -124,6 +124,12 @@ public:
 
 private:
     [[nodiscard]] bool isImage() const noexcept { return respType_ && *respType_ == "image"; }
+    // responseObjectForURLResponse(), taking over `*owned` (the same bytes as `data`) when it
+    // keeps them unchanged as the object.
+    platform::Value responseObjectFor(const std::shared_ptr<platform::URLResponse>& response,
+                                      const platform::Data& data, platform::Data* owned,
+                                      std::shared_ptr<platform::Error>& error);
+    void reserveAnnouncedLength(const std::shared_ptr<platform::URLSessionDataTask>& dataTask);
 
     std::optional<platform::Data> mutableData_;
     std::shared_ptr<platform::URL> downloadFileURL_;

@@ -11,13 +11,22 @@ namespace krcommon::platform {
 
 /// Runs operations on worker threads, at most maxConcurrentOperationCount() at a time and
 /// started in the order they were added; with a count of 1 the queue is serial (strictly
-/// FIFO, one operation at a time). Worker threads start when work arrives and end after a
-/// while without any.
+/// FIFO, one operation at a time).
+///
+/// A queue is an ordering and a width, not a thread: every queue of the process runs on one
+/// shared pool of worker threads, as wide as the processor count, started when work arrives
+/// and ended after a while without any. Queues with work take turns, one operation each
+/// while another queue waits for a thread, so a long backlog on one queue does not starve
+/// another. Operations that block are allowed: when work is waiting, no operation has
+/// started for a short while (about 50 ms) and every pool thread is blocked rather than
+/// computing, the pool starts one more thread, up to a hard cap of 64 beyond its width, so
+/// that operations waiting on each other across queues cannot stall the process for good.
+/// Such extra threads end as soon as they find nothing to do.
 ///
 /// Usually held by std::shared_ptr. All members are safe to call from any thread. The
-/// destructor waits until every operation added has finished, then joins the workers;
-/// when the last reference is dropped from inside one of the queue's own operations it
-/// does not wait: the remaining operations still run, and the workers end afterwards.
+/// destructor waits until every operation added has finished; when the last reference is
+/// dropped from inside one of the queue's own operations it does not wait: the remaining
+/// operations still run. It never joins a thread.
 ///
 /// An exception escaping an operation ends the process (std::terminate), as on any thread.
 class KRCOMMON_EXPORT OperationQueue {
@@ -32,7 +41,7 @@ public:
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
 
-    /// A label for the caller's own use, "" unless given. The worker threads are named
+    /// A label for the caller's own use, "" unless given. The pool's threads are named
     /// "kr.opqueue" whatever it is.
     [[nodiscard]] std::string name() const;
     void setName(std::string name);
@@ -44,7 +53,7 @@ public:
     /// Throws InternalInconsistencyException unless `count` is -1 or positive.
     void setMaxConcurrentOperationCount(int count);
 
-    /// Queues `operation` to run on a worker thread. Throws InternalInconsistencyException
+    /// Queues `operation` to run on a pool thread. Throws InternalInconsistencyException
     /// for an empty operation.
     void addOperation(std::function<void()> operation);
 
@@ -81,7 +90,7 @@ private:
     void releaseClaim(const void* previous) noexcept;
 
     struct Impl;
-    std::shared_ptr<Impl> impl_;  // shared with the workers, which may outlive this object
+    std::shared_ptr<Impl> impl_;  // shared with the pool, which may run its operations after this object is gone
 };
 
 }  // namespace krcommon::platform

@@ -15,7 +15,7 @@
 namespace krcommon::platform {
 
 namespace detail {
-struct SessionEngine;
+struct Transfer;
 }
 
 /// One cookie as the store holds it.
@@ -56,7 +56,7 @@ public:
     [[nodiscard]] std::string description() const override;
 
 private:
-    friend struct detail::SessionEngine;
+    friend struct detail::Transfer;
     struct Impl;
     /// The native store handed to the transfers of a session.
     [[nodiscard]] void* nativeHandle() const noexcept;

@@ -50,9 +50,10 @@ public:
     virtual ~URLSessionDelegate() = default;
 };
 
-/// A new TLS connection needs the delegate's decision. The handshake waits until
-/// `completion` is called (from any thread); dropping it unanswered refuses. A
-/// delegate without this interface gets the default handling.
+/// A new TLS connection needs the delegate's decision. `completion` may be called
+/// later and from any thread: the task waits for it (no other transfer does), up
+/// to its request's timeout, after which it ends timed out. Dropping it unanswered
+/// refuses. A delegate without this interface gets the default handling.
 class KRCOMMON_EXPORT URLSessionChallengeDelegate {
 public:
     virtual ~URLSessionChallengeDelegate() = default;

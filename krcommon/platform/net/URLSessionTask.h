@@ -16,7 +16,7 @@
 namespace krcommon::platform {
 
 namespace detail {
-struct SessionEngine;
+class SessionCore;
 }
 
 enum class URLSessionTaskState : std::int64_t {
@@ -58,16 +58,17 @@ public:
     [[nodiscard]] std::string description() const override;
 
 protected:
-    URLSessionTask(std::shared_ptr<detail::SessionEngine> engine, std::uint64_t identifier, URLRequest request);
+    URLSessionTask(std::shared_ptr<detail::SessionCore> session, std::uint64_t identifier, URLRequest request);
 
 private:
-    friend struct detail::SessionEngine;
+    friend class detail::SessionCore;
 
-    std::shared_ptr<detail::SessionEngine> engine_;
+    std::shared_ptr<detail::SessionCore> session_;
     const std::uint64_t identifier_;
     const URLRequest request_;
     std::atomic<URLSessionTaskState> state_{URLSessionTaskState::Suspended};
     std::atomic<bool> started_{false};
+    std::atomic<bool> ended_{false};  // claimed by whoever completes the task, once
     std::atomic<std::int64_t> bytesReceived_{0};
     mutable std::mutex mutex_;  // guards response_ and error_
     std::shared_ptr<URLResponse> response_;
@@ -77,16 +78,16 @@ private:
 /// A task whose body reaches the delegate as data events.
 class KRCOMMON_EXPORT URLSessionDataTask final : public URLSessionTask {
 public:
-    URLSessionDataTask(std::shared_ptr<detail::SessionEngine> engine, std::uint64_t identifier, URLRequest request)
-        : URLSessionTask(std::move(engine), identifier, std::move(request)) {}
+    URLSessionDataTask(std::shared_ptr<detail::SessionCore> session, std::uint64_t identifier, URLRequest request)
+        : URLSessionTask(std::move(session), identifier, std::move(request)) {}
 };
 
 /// A task whose body goes to a temporary file handed to the delegate at the end.
 class KRCOMMON_EXPORT URLSessionDownloadTask final : public URLSessionTask {
 public:
-    URLSessionDownloadTask(std::shared_ptr<detail::SessionEngine> engine, std::uint64_t identifier,
+    URLSessionDownloadTask(std::shared_ptr<detail::SessionCore> session, std::uint64_t identifier,
                            URLRequest request)
-        : URLSessionTask(std::move(engine), identifier, std::move(request)) {}
+        : URLSessionTask(std::move(session), identifier, std::move(request)) {}
 };
 
 }  // namespace krcommon::platform
