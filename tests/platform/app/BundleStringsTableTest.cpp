@@ -1,10 +1,17 @@
+#include <krcommon/platform/app/Bundle.h>
 #include <krcommon/platform/app/StringsTable.h>
+
+#include "platform/io/TempFolder.h"
+#include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <ostream>
 
+using krcommon::platform::Bundle;
 using krcommon::platform::StringsTable;
 using Map = StringsTable::Map;
 
@@ -65,5 +72,28 @@ INSTANTIATE_TEST_SUITE_P(
         TextRow{"CutXMLList", "<?xml version=\"1.0\"?><plist><dict><key>a</key>", std::nullopt},
         TextRow{"CutBinaryList", std::string("bplist00\x01\x02", 10), std::nullopt}),
     [](const auto& info) { return std::string(info.param.name); });
+
+
+// The preferred language's table is broken: lookups fall back to the
+// development region's, and one line names the broken file.
+TEST(StringsTableLog, ABrokenTableIsNamedOncePerFile) {
+    krcommon::test::TempFolder tmp;
+    std::filesystem::create_directories(tmp / "fr.lproj");
+    std::filesystem::create_directories(tmp / "en.lproj");
+    std::ofstream(tmp / "fr.lproj/Errors.strings") << "\"kr_param_error\" = \"Paramètre invalide\"\n";  // no ';'
+    std::ofstream(tmp / "en.lproj/Errors.strings") << "\"kr_param_error\" = \"Invalid parameter\";\n";
+    Bundle::setPreferredLanguages({"fr"});
+    krcommon::test::LogCapture log;
+    auto bundle = Bundle::bundleWithPath(tmp.path());
+    ASSERT_TRUE(bundle);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(bundle->localizedStringForKey("kr_param_error", {}, "Errors"), "Invalid parameter");
+    Bundle::setPreferredLanguages({});
+    const auto lines = log.lines();
+    for (int i = 0; i < 2; ++i) EXPECT_FALSE(StringsTable::readFile(tmp / "fr.lproj/Errors.strings"));
+    EXPECT_EQ(log.lines(), lines) << "read again outside the bundle";
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find(tmp / "fr.lproj/Errors.strings"), std::string::npos) << lines[0];
+}
 
 }  // namespace

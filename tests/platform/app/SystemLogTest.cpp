@@ -4,9 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
 #include <regex>
 #include <thread>
 
@@ -51,6 +53,51 @@ TEST(FileLogSink, ConcurrentWritersProduceWholeLinesOnly) {
         else EXPECT_TRUE(std::regex_match(line, std::regex("a{80}|b{80}|a{5000}|b{5000}"))) << line.size() << " bytes";
     }
     EXPECT_EQ(count, 1001);
+}
+
+// A non-blocking pipe of one page and a reader taking 512 bytes at a time: the
+// writers keep finding it full. Each line carries its writer, number and fill.
+TEST(StderrLogSink, OnAFullNonBlockingPipeEveryLineArrivesWhole) {
+    const std::pair<std::size_t, int> rows[] = {{2048, 40}, {200 * 1024, 4}};  // line length, lines per writer
+    for (const auto& row : rows) {
+        const std::size_t length = row.first;
+        const int linesPerThread = row.second;
+        SCOPED_TRACE(length);
+        int fds[2];
+        ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+        ::fcntl(fds[1], F_SETPIPE_SZ, 4096);
+        ASSERT_EQ(::fcntl(fds[1], F_SETFL, O_NONBLOCK), 0);
+        std::string received;
+        std::thread reader([&] {
+            char chunk[512];
+            for (ssize_t n; (n = ::read(fds[0], chunk, sizeof chunk)) > 0;) received.append(chunk, std::size_t(n));
+        });
+        auto line = [&](char fill, int i) { return fill + std::to_string(i) + ":" + std::string(length, fill); };
+        {
+            StderrLogSink sink(fds[1]);
+            auto writer = [&](char fill) {
+                for (int i = 0; i < linesPerThread; ++i) sink.write(line(fill, i));
+            };
+            std::thread a(writer, 'a'), b(writer, 'b');
+            a.join();
+            b.join();
+        }
+        ::close(fds[1]);
+        reader.join();
+        ::close(fds[0]);
+
+        std::map<char, int> next{{'a', 0}, {'b', 0}};
+        std::size_t count = 0;
+        for (std::size_t at = 0, end; at < received.size(); at = end + 1, ++count) {
+            end = received.find('\n', at);
+            ASSERT_NE(end, std::string::npos) << "the last line has no end";
+            const std::size_t body = received.find("] ", at) + 2;  // after the time and process prefix
+            ASSERT_LT(body, end);
+            const char fill = received[body];
+            ASSERT_EQ(received.substr(body, end - body), line(fill, next[fill]++)) << "line " << count << " is cut or mixed";
+        }
+        EXPECT_EQ(count, 2u * std::size_t(linesPerThread));
+    }
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include "SessionRecorder.h"
 #include "support/TestServer.h"
 
 #include <krcommon/platform/dispatch/MainQueue.h>
@@ -13,77 +14,6 @@ namespace {
 
 using test::TestCertificates;
 using test::TestServer;
-using D = URLSessionAuthChallengeDisposition;
-
-// A delegate that writes down each task's events ("response,data,complete"), body and error, notes any
-// event off its delegate queue, and answers challenges and responses as the test says.
-class Recorder final : public URLSessionDelegate, public URLSessionChallengeDelegate,
-                       public URLSessionTaskCompletionDelegate, public URLSessionDataResponseDelegate,
-                       public URLSessionDataReceiveDelegate {
-public:
-    struct Seen {
-        std::string events, body;
-        std::shared_ptr<Error> error;
-    };
-    std::shared_ptr<OperationQueue> queue = std::make_shared<OperationQueue>(1);
-    std::function<void(const std::shared_ptr<URLAuthenticationChallenge>&, URLSessionChallengeCompletion)> onChallenge;
-    enum class Respond { Allow, Refuse, HoldFirst } respond = Respond::Allow;  // HoldFirst: task 1's answer waits
-    URLSessionResponseCompletion held;
-
-    void didReceiveChallenge(const std::shared_ptr<URLSession>&, const std::shared_ptr<URLAuthenticationChallenge>& c,
-                             URLSessionChallengeCompletion completion) override {
-        note(0, "challenge", [&](Seen&) { challenges.push_back(c); });
-        if (onChallenge) onChallenge(c, std::move(completion));
-        else completion(D::PerformDefaultHandling, nullptr);
-    }
-    void didReceiveResponse(const std::shared_ptr<URLSession>&, const std::shared_ptr<URLSessionDataTask>& task,
-                            const std::shared_ptr<URLResponse>&, URLSessionResponseCompletion completion) override {
-        note(task->taskIdentifier(), "response", [&](Seen&) {
-            if (respond == Respond::HoldFirst && task->taskIdentifier() == 1) held = std::move(completion);
-        });
-        if (completion) completion(respond == Respond::Refuse ? URLSessionResponseDisposition::Cancel : URLSessionResponseDisposition::Allow);
-    }
-    void didReceiveData(const std::shared_ptr<URLSession>&, const std::shared_ptr<URLSessionDataTask>& task,
-                        std::optional<std::span<const std::uint8_t>> data) override {
-        note(task->taskIdentifier(), "data", [&](Seen& seen) { seen.body.append(data->begin(), data->end()); });
-    }
-    void didCompleteWithError(const std::shared_ptr<URLSession>&, const std::shared_ptr<URLSessionTask>& task,
-                              const std::shared_ptr<Error>& error) override {
-        note(task->taskIdentifier(), "complete", [&](Seen& seen) { seen.error = error; });
-        done.notify_all();
-    }
-    // Answers the held response from another thread, once the test has seen it asked: Allow, or dropped unanswered.
-    void release(bool allow) {
-        std::thread([completion = std::move(held), allow] {
-            if (allow) completion(URLSessionResponseDisposition::Allow);
-        }).join();
-    }
-    bool waitForCompletion(std::uint64_t task) {
-        std::unique_lock lock(mutex);
-        return done.wait_for(lock, std::chrono::seconds(20), [&] { return tasks[task].events.ends_with("complete"); });
-    }
-    Seen of(std::uint64_t task) {
-        std::lock_guard lock(mutex);
-        return tasks[task];
-    }
-
-    std::mutex mutex;
-    std::condition_variable done;
-    std::map<std::uint64_t, Seen> tasks;
-    std::vector<std::shared_ptr<URLAuthenticationChallenge>> challenges;
-    bool offQueue = false;
-
-private:
-    void note(std::uint64_t task, const char* event, const std::function<void(Seen&)>& more = {}) {
-        std::lock_guard lock(mutex);
-        offQueue |= !queue->isCurrent();
-        auto& seen = tasks[task];
-        seen.events += (seen.events.empty() ? "" : ",") + std::string(event);
-        if (more) more(seen);
-    }
-};
-
-URLRequest requestFor(const std::string& text) { return URLRequest(URL::URLWithString(text), 10); }
 
 class URLSessionTest : public ::testing::Test {
 protected:
@@ -191,7 +121,8 @@ TEST_F(URLSessionTest, SequentialRequestsShareAConnectionAndCarryNothingOfTheOne
     EXPECT_EQ(peers.size(), 1u) << "the requests did not share one connection";
 }
 
-enum class Action { None, CancelBeforeResume, CancelOnceServed, RefuseResponse, DropResponseLate, BreakHeader };
+enum class Action { None, CancelBeforeResume, CancelOnceServed, RefuseResponse, DropResponseLate, BreakHeader, NulInValue,
+                    NulInName, ColonInName };
 
 // A fault: where the request goes (a path on the test server, "closed" for a port nothing listens
 // on, or a URL), its timeout, what the test does, the error code and how many requests reach the server.
@@ -214,7 +145,11 @@ TEST_P(URLSessionFaultTest, EndsInOneCompletionWithTheURLError) {
     const std::string where = row.target, closed = "http://127.0.0.1:" + std::to_string(test::closedPort()) + "/";
     const std::string target = where == "closed" ? closed : where[0] == '/' ? url(where) : where;
     URLRequest request(URL::URLWithString(target), row.timeout);
+    // Fields that cannot be sent as they are stop the task before anything reaches the wire.
     if (row.action == Action::BreakHeader) request.setValue("a\r\nX-Injected: yes", "X-Test");
+    if (row.action == Action::NulInValue) request.setValue(std::string("a\0b", 3), "X-Test");
+    if (row.action == Action::NulInName) request.setValue("v", std::string("X-\0Test", 7));
+    if (row.action == Action::ColonInName) request.setValue("v", "X-Injected: 1");
     auto task = session->dataTaskWithRequest(request);
     if (row.action == Action::CancelBeforeResume) task->cancel();
     task->resume();
@@ -248,6 +183,9 @@ INSTANTIATE_TEST_SUITE_P(
                       FaultRow{"IdleTimeout", "/stall", 0.3, Action::None, URLErrorTimedOut, 1},
                       FaultRow{"HostNotFound", "http://no-such-host.invalid/", 10, Action::None, URLErrorCannotFindHost, 0},
                       FaultRow{"HeaderWithALineBreak", "/hello", 10, Action::BreakHeader, URLErrorBadURL, 0},
+                      FaultRow{"HeaderWithANul", "/hello", 10, Action::NulInValue, URLErrorBadURL, 0},
+                      FaultRow{"HeaderNameWithANul", "/hello", 10, Action::NulInName, URLErrorBadURL, 0},
+                      FaultRow{"HeaderNameNotAToken", "/hello", 10, Action::ColonInName, URLErrorBadURL, 0},
                       FaultRow{"CancelledBeforeResume", "/hello", 10, Action::CancelBeforeResume, URLErrorCancelled, 0},
                       FaultRow{"CancelledWhileWaiting", "/stall", 10, Action::CancelOnceServed, URLErrorCancelled, 1},
                       FaultRow{"ResponseRefused", "/big", 10, Action::RefuseResponse, URLErrorCancelled, 1},

@@ -1,4 +1,3 @@
-#include <krcommon/platform/io/FileManager.h>
 #include <krcommon/platform/ui/ImageContext.h>
 #include <krcommon/platform/ui/ModuleResources.h>
 
@@ -8,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 
 using namespace krcommon::platform;
 using krcommon::test::ScopedEnv;
@@ -23,16 +21,6 @@ TEST(ModuleResources, TheEnvironmentOverridesTheFolderBesideTheLibrary) {
     // (none exists, so that first candidate is answered).
     const auto program = std::filesystem::canonical("/proc/self/exe");
     EXPECT_EQ(ModuleResources::directory(), program.parent_path().parent_path() / "share" / "krcommon");
-}
-
-TEST(ModuleResources, CarriesEveryScaleOfThePictureByteForByte) {
-    for (const std::string file : {"mm404Image.png", "mm404Image@2x.png", "mm404Image@3x.png"}) {
-        const auto shipped = FileManager::contentsAtPath(KRCOMMON_SOURCE_RESOURCES "/" + file);
-        ASSERT_TRUE(shipped) << file;
-        const auto built = ModuleResources::builtIn(file);
-        EXPECT_TRUE(std::equal(built.begin(), built.end(), shipped->begin(), shipped->end())) << file;
-    }
-    EXPECT_TRUE(ModuleResources::builtIn("mm404Image@4x.png").empty());
 }
 
 // No folder on disk holds the picture here (this program is not installed), so it
