@@ -15,7 +15,8 @@ TEST(HTTPURLResponse, MediaTypeAndLengthAreReadFromTheirFieldsAndStatusesNamedBy
         EXPECT_EQ(response.MIMEType(), type);
         EXPECT_EQ(response.expectedContentLength(), length);
     }
-    const std::pair<std::int64_t, const char*> statuses[] = {{99, "unknown"}, {100, "informational"}, {299, "success"},
-        {399, "redirected"}, {499, "client error"}, {599, "server error"}, {600, "unknown"}};
+    const std::pair<std::int64_t, const char*> statuses[] = {{99, "unknown"}, {100, "informational"},
+        {199, "informational"}, {202, "success"}, {299, "success"}, {300, "redirected"}, {399, "redirected"},
+        {402, "client error"}, {499, "client error"}, {501, "server error"}, {599, "server error"}, {600, "unknown"}};
     for (const auto& [code, text] : statuses) EXPECT_EQ(HTTPURLResponse::localizedStringForStatusCode(code), text) << code;
 }
