@@ -423,32 +423,40 @@ int loopbackListener(int& port) {
     return fd;
 }
 
+// Forks a child that serves the listener with `serve` until it is killed; answers the port.
+int forkServer(pid_t* child, void (*serve)(int listener)) {
+    int port = 0;
+    const int fd = loopbackListener(port);
+    *child = ::fork();
+    if (*child != 0) {
+        ::close(fd);
+        return port;
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+    serve(fd);
+    ::_exit(0);
+}
+
 // ---- memory held per request in flight
 
 // A server in a child process that accepts connections, reads, and never
 // answers: what the parent's heap holds then is the client's alone.
-int silentServer(pid_t* child) {
-    int port = 0;
-    const int fd = loopbackListener(port);
-    *child = ::fork();
-    if (*child == 0) {
-        std::vector<pollfd> fds{{fd, POLLIN, 0}};
-        char buffer[4096];
-        while (true) {
-            ::poll(fds.data(), fds.size(), -1);
-            for (std::size_t i = 0; i < fds.size(); ++i) {
-                if (!(fds[i].revents & POLLIN)) continue;
-                if (i == 0) {
-                    fds.push_back({::accept(fd, nullptr, nullptr), POLLIN, 0});
-                } else if (::read(fds[i].fd, buffer, sizeof buffer) <= 0) {
-                    fds[i].events = 0;
-                }
+void serveSilently(int fd) {
+    std::vector<pollfd> fds{{fd, POLLIN, 0}};
+    char buffer[4096];
+    while (true) {
+        ::poll(fds.data(), fds.size(), -1);
+        for (std::size_t i = 0; i < fds.size(); ++i) {
+            if (!(fds[i].revents & POLLIN)) continue;
+            if (i == 0) {
+                fds.push_back({::accept(fd, nullptr, nullptr), POLLIN, 0});
+            } else if (::read(fds[i].fd, buffer, sizeof buffer) <= 0) {
+                fds[i].events = 0;
             }
         }
     }
-    ::close(fd);
-    return port;
 }
+int silentServer(pid_t* child) { return forkServer(child, &serveSilently); }
 
 void MEM_InFlight(benchmark::State& state) {
     const int inFlight = static_cast<int>(state.range(0));
@@ -495,15 +503,7 @@ int threadCount() {
 // with the same small JSON answer, keeping connections open, from one epoll
 // loop: it holds any number of connections, and its threads and memory are not
 // the client's.
-int answeringServer(pid_t* child) {
-    int port = 0;
-    const int fd = loopbackListener(port);
-    *child = ::fork();
-    if (*child != 0) {
-        ::close(fd);
-        return port;
-    }
-    ::signal(SIGPIPE, SIG_IGN);
+void serveAnswers(int fd) {
     const std::string answer = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
                                std::to_string(kAnswer.size()) + "\r\n\r\n" + kAnswer;
     const int events = ::epoll_create1(0);
@@ -545,6 +545,7 @@ int answeringServer(pid_t* child) {
         }
     }
 }
+int answeringServer(pid_t* child) { return forkServer(child, &serveAnswers); }
 
 struct ChildServer {
     pid_t pid = 0;
@@ -646,15 +647,7 @@ BENCHMARK(BASE_ManyManagers)->Arg(500)->UseRealTime()->Unit(benchmark::kMillisec
 // ---- a large answer nobody reads in time
 
 // A server in a child process that answers one request with 1 GiB of bytes.
-int largeAnswerServer(pid_t* child) {
-    int port = 0;
-    const int fd = loopbackListener(port);
-    *child = ::fork();
-    if (*child != 0) {
-        ::close(fd);
-        return port;
-    }
-    ::signal(SIGPIPE, SIG_IGN);
+void serveLargeAnswer(int fd) {
     constexpr std::size_t total = std::size_t{1} << 30;
     while (true) {
         const int client = ::accept(fd, nullptr, nullptr);
@@ -670,6 +663,7 @@ int largeAnswerServer(pid_t* child) {
         ::close(client);
     }
 }
+int largeAnswerServer(pid_t* child) { return forkServer(child, &serveLargeAnswer); }
 
 long residentKiB() {
     std::ifstream status("/proc/self/status");
