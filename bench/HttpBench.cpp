@@ -300,7 +300,7 @@ const bool kCountCases = [] {
 
 // ---- a client's start-up
 
-// A new manager (and with it a session, its thread and a new connection)
+// A new manager (and with it a session and a new connection)
 // answering its first request, then going away.
 void KR_FirstRequest(benchmark::State& state) {
     const std::string url = server().origin("http") + "/user";

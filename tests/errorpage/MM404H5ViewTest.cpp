@@ -30,6 +30,7 @@ protected:
         m.setRefreshButtonBackgroundColor(std::nullopt);
         m.setRefreshButtonTitleColor(std::nullopt);
         m.setCloseButtonTitleColor(std::nullopt);
+        m.setCloseButtonBackgroundColor(std::nullopt);
         m.setDelegate({});
         ::unsetenv("KRCOMMON_RESOURCES");
         Application::shared().setOpenURLHandler(nullptr);
@@ -81,6 +82,7 @@ TEST_F(MM404H5ViewTest, ManagerValuesApplyAtCreationAndTheLayoutPassRestoresTheB
     manager.setRefreshButtonBackgroundColor(red);
     manager.setRefreshButtonTitleColor(green);
     manager.setCloseButtonTitleColor(red);
+    manager.setCloseButtonBackgroundColor(green);
     auto page = MM404H5View::initWithFrame({0, 0, 375, 667});
     const auto& refresh = page->mm404RefreshButton();
     EXPECT_EQ(page->mm404ImageView()->image(), picture);
@@ -88,7 +90,7 @@ TEST_F(MM404H5ViewTest, ManagerValuesApplyAtCreationAndTheLayoutPassRestoresTheB
     EXPECT_EQ(fill(refresh->backgroundImageForState(ControlStateNormal)), (Pixel{255, 0, 0, 255}));
     EXPECT_EQ(fill(refresh->backgroundImageForState(ControlStateHighlighted)), (Pixel{230, 0, 0, 255}));  // darker
     EXPECT_EQ(page->mm404CloseButton()->titleColorForState(ControlStateNormal), red);
-    EXPECT_EQ(fill(page->mm404CloseButton()->backgroundImageForState(ControlStateNormal)), (Pixel{240, 240, 240, 255}));
+    EXPECT_EQ(fill(page->mm404CloseButton()->backgroundImageForState(ControlStateNormal)), (Pixel{0, 128, 0, 255}));
     page->layoutIfNeeded();
     EXPECT_EQ(page->mm404ImageView()->image()->size(), (Size{105, 105}));  // the built-in picture
     EXPECT_EQ(page->mm404TitleLable()->text(), "网络无法连接");

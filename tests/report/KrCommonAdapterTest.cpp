@@ -97,7 +97,7 @@ TEST_F(AdapterTest, FourRecordsWaitInTheFileAndTheFifthSendsOneBatch) {
 
 TEST_F(AdapterTest, AFailedUploadKeepsTheQueueAndARecordDuringAnUploadIsDropped) {
     adapter_->setLoginBaseInfo(Value(Dictionary{{"sdkVersion", "3.1"}}));  // taken key by key
-    adapter_->setLoginBaseInfo(Value(Dictionary{{"businessType", "12abc"}, {"deviceId", "d1"}, {"clientVersion", 7}}));
+    adapter_->setLoginBaseInfo(Value(Dictionary{{"businessType", " \t\n12abc"}, {"deviceId", "d1"}, {"clientVersion", 7}}));
     adapter_->isSetBaseLoginInfo(true);  // and then no more
     adapter_->setLoginBaseInfo(Value(Dictionary{{"deviceId", "d2"}, {"businessType", 3}}));
     status_ = 500;

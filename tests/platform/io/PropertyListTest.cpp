@@ -104,6 +104,7 @@ TEST(PropertyList, RejectsWhatIsNotABoundedPropertyList) {
         {repeat("<array><![CDATA[</array>]]>", 100000), false}, {repeat("<array a=\"/>\">", 100000), false},
         {fixture("depth-512.bplist"), true}, {fixture("depth-513.bplist"), false}, {fixture("cycle.bplist"), false},
         {fixture("shared-2-to-the-10.bplist"), true}, {fixture("shared-2-to-the-40.bplist"), false},
+        {fixture("utf16-key.bplist"), true}, {fixture("utf16-key-with-nul.bplist"), false},
     };
     for (const auto& [bytes, accepted] : rows) {
         std::shared_ptr<Error> error;

@@ -1,5 +1,6 @@
 #include <krcommon/platform/ui/Renderer.h>
 
+#include <krcommon/platform/ui/Label.h>
 #include <krcommon/platform/ui/ScrollView.h>
 
 #include "platform/io/TempFolder.h"
@@ -7,6 +8,8 @@
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 using namespace krcommon::platform;
 using krcommon::test::near;
@@ -67,6 +70,19 @@ TEST(Renderer, DrawsBackgroundsCornersClippingHiddenAlphaAndScrolling) {
     const auto scrolled = render("scrolled.png");
     EXPECT_TRUE(near(scrolled->at(10, 50), 0, 0, 255)) << "content y 55 is shown at 25";
     EXPECT_TRUE(near(scrolled->at(20, 10), 255, 255, 255)) << "the disc scrolled away";
+}
+
+// A label draws its text, in the font and colour set after the text as much as before it.
+TEST(Renderer, DrawsALabelsTextInTheColourSetLast) {
+    Label label(Rect{0, 0, 60, 40});
+    label.setText("WW");
+    label.setFont(Font::boldSystemFontOfSize(30));
+    label.setTextColor(kRed);
+    const auto image = Renderer::renderImage(label, 1);
+    ASSERT_TRUE(image);
+    const auto pixels = image->pixels();
+    EXPECT_TRUE(std::any_of(pixels.begin(), pixels.end(), [](std::uint32_t p) { return p == 0xFFFF0000u; }));
+    EXPECT_FALSE(std::any_of(pixels.begin(), pixels.end(), [](std::uint32_t p) { return p == 0xFF000000u; }));
 }
 
 TEST(Renderer, RefusesAViewWithoutArea) {
