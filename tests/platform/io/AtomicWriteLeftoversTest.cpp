@@ -1,6 +1,7 @@
-// What atomic writes leave on disk: interrupted writes' temporary files are
-// cleaned up by the next write, live ones of other writers are not, and what
-// is written keeps carriage returns for any XML reader and stays private.
+// What atomic writes leave on disk: a killed writer leaves the file as it was or
+// whole, and its temporary file is cleaned up by the next write (live ones of
+// other writers are not); what is written keeps carriage returns for any XML
+// reader and stays private.
 
 #include <krcommon/platform/app/SystemLog.h>
 #include <krcommon/platform/io/FileManager.h>
@@ -55,6 +56,8 @@ TEST(AtomicWriteLeftovers, KilledWritersLeaveAtMostOneAndTheNextWriteRemovesIt) 
         std::this_thread::sleep_for(std::chrono::microseconds(round * 1777 % 4000));  // spread over 0..4 ms
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
+        const auto kept = FileManager::contentsAtPath(path);  // none yet, or the whole of one write
+        ASSERT_TRUE(!kept || std::string(kept->begin(), kept->end()) == bytes) << "round " << round;
         const auto left = temporariesIn(tmp.path());
         ASSERT_LE(left.size(), 1u) << "round " << round;
         for (const auto& name : left) EXPECT_EQ(modeOf(name), 0600u) << name;

@@ -3,6 +3,7 @@
 // what must never reach the wire does not.
 
 #include "SessionRecorder.h"
+#include "http/HttpTestSupport.h"
 #include "support/LogCapture.h"
 #include "support/TempAppHome.h"
 #include "support/TestServer.h"
@@ -11,7 +12,6 @@
 #include <krcommon/http/KRSDKMemberHttpManager.h>
 #include <krcommon/platform/dispatch/MainQueue.h>
 #include <krcommon/platform/io/FileManager.h>
-#include <krcommon/platform/io/PropertyList.h>
 #include <krcommon/platform/net/URLSession.h>
 #include <krcommon/platform/net/detail/TrustEvaluator.h>
 
@@ -69,15 +69,6 @@ struct Client {
     }
 };
 
-// A manager's GET answered on the main queue: the text, or the error as an object.
-Value get(KRSDKMemberHttpManager& manager, const std::string& url) {
-    auto answer = std::make_shared<std::optional<Value>>();
-    manager.GET(url, Value(), Value(), std::string("string"), [answer](const auto&, const Value& object) { *answer = object; },
-                [answer](const auto&, const Value&, const auto& error) { *answer = Value(error); });
-    EXPECT_TRUE(MainQueue::runUntil([&] { return answer->has_value(); }, 20));
-    return answer->value_or(Value());
-}
-
 int threadCount() {
     int count = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
@@ -115,15 +106,16 @@ TEST(URLSessionEngineTest, UnansweredChallengeTimesOutAloneWhileTheSessionGoesOn
 TEST(URLSessionEngineTest, EachManagerDecidesTrustForItsOwnConnections) {
     test::TempAppHome home;
     ASSERT_TRUE(FileManager::createDirectoryAtPath(home.library() + "/kr_sdks_kvstorage", true));
-    Dictionary lists;
-    lists.set("loginSrvIpList", Value(R"([{"type":"https","ip":"127.0.0.1"}])"));
-    ASSERT_TRUE(PropertyList::writeFile(KRSDKMemberHttpManager::plistFilePath(), Value(lists), true));
+    ASSERT_TRUE(FileManager::writeAtomically(KRSDKMemberHttpManager::plistFilePath(),  // 127.0.0.1 over https
+                                             *FileManager::contentsAtPath(KRCOMMON_TEST_DATA "/http/loopback-in-portal-list.plist")));
     auto server = helloServer(TestServer::https(TestCertificates::shared().selfSigned));
     test::LogCapture capture;
     std::vector<std::shared_ptr<KRSDKMemberHttpManager>> managers;
     for (int i = 0; i < 2; ++i) {
-        managers.push_back(KRSDKMemberHttpManager::create());
-        EXPECT_TRUE(get(*managers.back(), server->origin("https") + "/hello").isString());
+        auto& manager = *managers.emplace_back(KRSDKMemberHttpManager::create());
+        EXPECT_EQ(test::run(manager, [&](auto ok, auto fail) {
+                      manager.GET(server->origin("https") + "/hello", Value(), Value(), std::string("string"), ok, fail);
+                  })->error, nullptr);
     }
     EXPECT_EQ(capture.count("ip host is:127.0.0.1"), 2u);
 }
@@ -135,7 +127,9 @@ TEST(URLSessionEngineTest, ManyManagersAddNoThreads) {
     plain->server().new_task_queue = [] { return new httplib::ThreadPool(128); };  // one per manager's connection
     auto server = helloServer(std::move(plain));
     const std::string url = server->origin("http") + "/hello";
-    ASSERT_TRUE(get(*KRSDKMemberHttpManager::create(), url).isString());  // the engine and the workers are up
+    auto first = KRSDKMemberHttpManager::create();  // the engine and the workers are up
+    EXPECT_EQ(test::run(*first, [&](auto ok, auto fail) { first->GET(url, Value(), Value(), std::string("string"), ok, fail); })->error,
+              nullptr);
     const int before = threadCount();
     std::vector<std::shared_ptr<KRSDKMemberHttpManager>> managers(100);
     int answered = 0;
