@@ -36,6 +36,7 @@ INSTANTIATE_TEST_SUITE_P(
         TextRow{"CommentsBetweenTokens", "\"a\" /*x*/ = // y\n \"b\" /* z */ ;", Map{{"a", "b"}}},
         TextRow{"SlashInsideQuotesIsText", "\"url\" = \"http://x/*y*/\";", Map{{"url", "http://x/*y*/"}}},
         TextRow{"UnquotedWords", "key_1 = value.2-3:$+/;", Map{{"key_1", "value.2-3:$+/"}}},
+        TextRow{"UnquotedWordsOfEveryRange", "az09 = AZ;", Map{{"az09", "AZ"}}},
         TextRow{"SingleQuotes", "'a' = 'b \"c\"';", Map{{"a", "b \"c\""}}},
         TextRow{"KeyAloneMapsToItself", "\"same\";", Map{{"same", "same"}}},
         TextRow{"Braced", "{ \"a\" = \"1\"; b = 2; }", Map{{"a", "1"}, {"b", "2"}}},

@@ -55,7 +55,7 @@ const DescriptionRow kDescriptions[] = {
     {"EmptyStringIsQuoted", Array{""}, "(\n    \"\"\n)"},
     {"Escapes", Array{"q\"b\\n\nt\tr\r\x01\x1f"}, "(\n    \"q\\\"b\\\\n\\nt\\tr\\r\\001\\037\"\n)"},
     {"NonASCIIAsUTF16Units", Array{"\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80"}, "(\n    \"\\U00e9\\U4e2d\\Ud83d\\Ude00\"\n)"},
-    {"MalformedUTF8", Array{"a\xFF" "b\xC3"}, "(\n    \"a\\Ufffdb\\Ufffd\"\n)"},
+    {"MalformedUTF8", Array{"a\x80\xFF" "b\xC3"}, "(\n    \"a\\Ufffd\\Ufffdb\\Ufffd\"\n)"},
     {"ShortData", Value(Data{0x61, 0x62, 0x63}), "{length = 3, bytes = 0x616263}"},
     {"EmptyData", Value(Data{}), "{length = 0, bytes = 0x}"},
     {"DataUpTo24BytesInFull", Value(counting(24)),
