@@ -105,6 +105,7 @@ TEST(PropertyList, RejectsWhatIsNotABoundedPropertyList) {
         {fixture("depth-512.bplist"), true}, {fixture("depth-513.bplist"), false}, {fixture("cycle.bplist"), false},
         {fixture("shared-2-to-the-10.bplist"), true}, {fixture("shared-2-to-the-40.bplist"), false},
         {fixture("utf16-key.bplist"), true}, {fixture("utf16-key-with-nul.bplist"), false},
+        {repeat("<array />", 600, "<plist><array>") + "</array></plist>", true},  // empty lists nest nothing
     };
     for (const auto& [bytes, accepted] : rows) {
         std::shared_ptr<Error> error;
