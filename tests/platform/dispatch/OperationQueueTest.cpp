@@ -2,6 +2,8 @@
 
 #include <krcommon/platform/core/Exception.h>
 
+#include "support/ThreadCount.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -78,10 +80,7 @@ INSTANTIATE_TEST_SUITE_P(Widths, OperationQueueWidth,
 
 // Queues share one pool of threads: many queues do not mean many threads, a backlog starves no
 // other queue, and operations that block on each other across queues still finish.
-std::size_t threadCount() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
-}
+std::size_t threadCount() { return static_cast<std::size_t>(krcommon::test::threadCount()); }
 
 // A flag other threads wait for, with a deadline so that a fault fails instead of hanging.
 struct Signal {

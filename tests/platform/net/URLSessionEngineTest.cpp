@@ -7,6 +7,7 @@
 #include "support/LogCapture.h"
 #include "support/TempAppHome.h"
 #include "support/TestServer.h"
+#include "support/ThreadCount.h"
 #include "platform/io/TempFolder.h"
 
 #include <krcommon/http/KRSDKMemberHttpManager.h>
@@ -69,11 +70,7 @@ struct Client {
     }
 };
 
-int threadCount() {
-    int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
-    return count;
-}
+using test::threadCount;
 
 std::unique_ptr<TestServer> helloServer(std::unique_ptr<TestServer> server) {
     server->route("GET", "/hello", [](const auto&, auto& res) { res.set_content("hello", "text/plain"); });
