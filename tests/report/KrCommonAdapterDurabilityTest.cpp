@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <optional>
@@ -147,6 +148,12 @@ TEST(KrCommonAdapterDurability, AnUnreadableQueueFileIsMovedAsideAndNamed) {
         EXPECT_EQ(std::string(moved->begin(), moved->end()), body);
         EXPECT_EQ(log.count(aside), 1u) << body;
     }
+    // A torn copy of the file this adapter wrote last is not taken for it.
+    auto adapter = KrCommonAdapter::create();
+    adapter->reportRequestStatInfo(record(1));
+    std::filesystem::resize_file(queue, std::filesystem::file_size(queue) / 2);
+    adapter->reportRequestStatInfo(record(2));
+    EXPECT_EQ(PropertyList::readFile(queue), Value(Array{record(2)}));
 }
 
 }  // namespace

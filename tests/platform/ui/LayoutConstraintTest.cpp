@@ -103,12 +103,14 @@ TEST(LayoutConstraint, IgnoresRulesAboutViewsOutsideTheParentAndItsChildren) {
     auto child = constrainedChild(parent);
     auto grandchild = constrainedChild(child);
     auto stranger = std::make_shared<View>(Rect{0, 0, 10, 10});
-    parent->addConstraints({rule(child, A::Width, stranger, A::Width, 1, 0),
+    auto gone = std::make_shared<View>(Rect{0, 0, 10, 10});
+    parent->addConstraints({rule(child, A::Width, stranger, A::Width, 1, 0), rule(child, A::Height, gone, A::Height, 1, 7),
                             rule(grandchild, A::Width, parent, A::Width, 1, 0),
                             rule(child, A::Width, nullptr, A::NotAnAttribute, 1, 40)});
     child->addConstraint(rule(grandchild, A::Width, child, A::Width, 0.5, 0));
+    gone.reset();  // its rule goes with it
     parent->layoutIfNeeded();
-    EXPECT_DOUBLE_EQ(child->frame().width(), 40);
+    EXPECT_EQ(child->frame(), (Rect{0, 0, 40, 0}));
     EXPECT_DOUBLE_EQ(grandchild->frame().width(), 20);  // by the child's own pass
 }
 

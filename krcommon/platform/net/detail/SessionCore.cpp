@@ -452,7 +452,6 @@ void SessionCore::park(Transfer& t) {
 void SessionCore::restart(Transfer& t) {
     park(t);
     auto owned = detach(t);
-    t.responseHeaders.clear();
     t.sawStatusLine = false;
     t.lastStatus = 0;
     t.forcedError.reset();
