@@ -61,6 +61,9 @@ const Value kParams(Dictionary{{"appid", "1001"}, {"uid", "10001"}});
 krcommon::test::TestServer& server() {
     static auto instance = [] {
         auto s = krcommon::test::TestServer::http();
+        // A thread for every connection the paired cases keep open (32 of each client) and
+        // more: a keep-alive connection holds its server thread while it lasts.
+        s->server().new_task_queue = [] { return new httplib::ThreadPool(96); };
         // Straight on the server library: these routes record nothing, so memory stays flat.
         s->server().Get("/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
         s->server().Post("/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });

@@ -74,7 +74,15 @@ public:
 
     /// Starts listening; routes must be added before.
     void start() {
+        int listening = -1;
+        server_->set_socket_options([&listening](int fd) {
+            httplib::default_socket_options(fd);
+            listening = fd;
+        });
         port_ = server_->bind_to_any_port("127.0.0.1");
+        // The library listens with a backlog of 5: more connections opened at once lose their
+        // SYN and wait a second to send it again.
+        if (listening >= 0) ::listen(listening, SOMAXCONN);
         thread_ = std::thread([this] { server_->listen_after_bind(); });
         while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

@@ -91,6 +91,7 @@ void TransferEngine::watchSocket(curl_socket_t fd, int what, Client& owner) {
         if (index < watched_.size() && watched_[index].owner == &owner) {
             ::epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
             watched_[index] = Watched{};
+            --watchedCount_;
         }
         return;
     }
@@ -105,6 +106,7 @@ void TransferEngine::watchSocket(curl_socket_t fd, int what, Client& owner) {
     if (::epoll_ctl(epoll_, entry.owner ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event) != 0) {
         ::epoll_ctl(epoll_, entry.owner ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd, &event);
     }
+    if (!entry.owner) ++watchedCount_;
     entry = Watched{&owner, event.events};
 }
 
@@ -126,6 +128,7 @@ void TransferEngine::forget(Client& client) {
         if (watched_[fd].owner != &client) continue;
         ::epoll_ctl(epoll_, EPOLL_CTL_DEL, static_cast<int>(fd), nullptr);
         watched_[fd] = Watched{};
+        --watchedCount_;
     }
     setDeadline(client, std::nullopt);
     if (client.touched_) {
@@ -138,6 +141,9 @@ bool TransferEngine::runRoundIfIdle(const std::function<void()>& work) {
     if (onEngineThread) return false;  // inside a round already: the caller posts instead
     std::unique_lock round(roundMutex_, std::try_to_lock);
     if (!round) return false;
+    // With transfers on the wire the engine wakes for their sockets soon: it takes the work in
+    // that round, and the caller's rounds never contend with the engine's for the lock.
+    if (watchedCount_ != 0) return false;
     {
         std::lock_guard lock(mutex_);
         if (stopping_) return false;

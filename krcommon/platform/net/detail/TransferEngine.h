@@ -63,8 +63,8 @@ public:
     void post(std::function<void()> command);
 
     /// Runs `work` at once on the calling thread as a round of the engine's, when the engine
-    /// is waiting and no other round runs; answers false, without running it, otherwise
-    /// (also when called from inside a round).
+    /// is waiting with no socket to watch and no other round runs; answers false, without
+    /// running it, otherwise (also when called from inside a round).
     bool runRoundIfIdle(const std::function<void()>& work);
 
     /// Whether the calling thread is running a round (the engine thread's own, or one run
@@ -113,6 +113,7 @@ private:
     // Inside a round only.
     Clock::time_point roundTime_{};
     std::vector<Watched> watched_;  // by descriptor
+    std::size_t watchedCount_ = 0;  // descriptors with an owner in watched_
     std::set<std::pair<Clock::time_point, Client*>> deadlines_;
     std::vector<Client*> touched_;
 };
