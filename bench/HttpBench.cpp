@@ -776,6 +776,9 @@ void TRUST_HandshakesPerRequest(benchmark::State& state) {
     const int delay = static_cast<int>(state.range(1));
     static auto secure = [] {
         auto s = krcommon::test::TestServer::https(krcommon::test::TestCertificates::shared().selfSigned);
+        // One request per connection: a session's idle connection would hold a server thread
+        // until the whole batch of sessions went away.
+        s->server().set_keep_alive_max_count(1);
         s->server().Get("/user", [](const auto&, auto& res) { res.set_content(kAnswer, "application/json"); });
         s->start();
         return s;
