@@ -9,6 +9,7 @@
 // every answer back while the manager has N requests outstanding.
 
 #include "support/TestServer.h"
+#include "support/ThreadCount.h"
 
 #include <krcommon/http/KRRequestSerialization.h>
 #include <krcommon/http/KRSDKMemberHttpManager.h>
@@ -495,12 +496,7 @@ BENCHMARK(MEM_InFlight)->Arg(16)->Arg(64)->Iterations(3)->Unit(benchmark::kMilli
 
 // ---- many clients at once
 
-// The threads of this process now.
-int threadCount() {
-    int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
-    return count;
-}
+using krcommon::test::threadCount;
 
 // A server in a child process that answers every request on every connection
 // with the same small JSON answer, keeping connections open, from one epoll
